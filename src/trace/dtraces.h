@@ -65,12 +65,12 @@ void _DTracePlain(DTRACE_REGION *pRegion, uint8_t nLevel, const char *pszFile, i
  * leaves without DTRACE_EXIT, the destructor still restores the indentation.
  */
 struct DTRACE_CALL {
-    DTRACE_REGION *pRegion;
-    const char *pszFile;
-    const char *pszName;
-    uint32_t dwStart;
-    uint8_t nLevel;
-    bool bOpen;
+    DTRACE_REGION *pRegion = nullptr;
+    const char *pszFile = nullptr;
+    const char *pszName = nullptr;
+    uint32_t dwStart = 0;
+    uint8_t nLevel = 0;
+    bool bOpen = false;
     ~DTRACE_CALL();
 };
 

@@ -346,6 +346,10 @@ extern uint32_t gdwTimeStampBase;
 extern char gszUSBFSRoot[4096];
 extern uint32_t gGlobalInitialised;
 
+/* Handle check of the library context: reports which condition failed (and,
+ * with bErrorRecord, the error record "USBTR_STATUS_INVALID_HANDLE"). */
+bool USBTRCheckLibContext(const void *pLibCtx, bool bErrorRecord, const char *pszFile, int iLine);
+
 int32_t USBTRInit(void **phLibraryHandle, uint32_t dwFlags);
 int32_t USBTRDone(void *pLibCtx);
 int32_t USBTRInitialise(void);

@@ -106,8 +106,10 @@ CAMERA_API int32_t camera_start_capture(CAMERA_HANDLE handle, uint32_t slots);
 /* Stops streaming (0 also when not streaming). */
 CAMERA_API int32_t camera_stop_capture(CAMERA_HANDLE handle);
 /* Waits up to timeout_ms + 1500 ms for a finished frame and hands it out in
- * place: 0 with *frame set; CAMERA_ERR_TIMEOUT; CAMERA_ERR_FAILURE when not
- * streaming or the reader is gone; CAMERA_ERR_NO_DEVICE. */
+ * place: 0 with *frame set; CAMERA_ERR_TIMEOUT (also when the stream ended
+ * because the reader stopped sending); CAMERA_ERR_FAILURE when not streaming,
+ * the reader is gone or frame is NULL; CAMERA_ERR_NO_DEVICE for an unknown or
+ * unopened camera.  The lock is held for the whole wait. */
 CAMERA_API int32_t camera_get_image(CAMERA_HANDLE handle, uint32_t timeout_ms, void **frame);
 /* Gives a frame from camera_get_image back to the library. */
 CAMERA_API int32_t camera_put_image(CAMERA_HANDLE handle, void *frame);
@@ -119,17 +121,25 @@ CAMERA_API int32_t camera_flush(CAMERA_HANDLE handle);
 
 /* Not implemented: always CAMERA_ERR_FAILURE (use camera_set_format). */
 CAMERA_API int32_t camera_get_format(CAMERA_HANDLE handle, CAMERA_FORMAT *format);
-/* Selects the reader's only format and describes it in *format. */
+/* Selects the reader's only format and describes it in *format (output
+ * only): 0; CAMERA_ERR_FAILURE for a closed camera or a NULL format;
+ * CAMERA_ERR_NO_DEVICE for an unknown handle.  Set it again after every
+ * camera_open. */
 CAMERA_API int32_t camera_set_format(CAMERA_HANDLE handle, CAMERA_FORMAT *format);
-/* Frame interval in milliseconds. */
+/* Frame interval in milliseconds: 0; CAMERA_ERR_FAILURE for a closed camera;
+ * CAMERA_ERR_NO_DEVICE.  A NULL interval_ms is accepted and left alone. */
 CAMERA_API int32_t camera_get_frame_interval(CAMERA_HANDLE handle, uint32_t *interval_ms);
 /* Requests an interval (raised to the reader's shortest) and writes back
- * the one in effect; it reaches the reader at the next capture start. */
+ * the one in effect; it reaches the reader at the next capture start.
+ * CAMERA_ERR_FAILURE for a NULL interval_ms (whatever the handle) or a closed
+ * camera; CAMERA_ERR_NO_DEVICE for an unknown handle. */
 CAMERA_API int32_t camera_set_frame_interval(CAMERA_HANDLE handle, uint32_t *interval_ms);
 
 /* ---- Reader extension controls ---- */
 
-/* One sensor register byte (0..255), or a negative code. */
+/* One sensor register byte (0..255), or a negative code: CAMERA_ERR_FAILURE
+ * when a transfer fails, CAMERA_ERR_NO_DEVICE for an unknown or unopened
+ * camera. */
 CAMERA_API int32_t camera_xu_sensor_read(CAMERA_HANDLE handle, uint32_t address);
 /* Writes the low 8 bits of value. */
 CAMERA_API int32_t camera_xu_sensor_write(CAMERA_HANDLE handle, uint32_t address, int32_t value);
@@ -137,7 +147,9 @@ CAMERA_API int32_t camera_xu_sensor_write(CAMERA_HANDLE handle, uint32_t address
 CAMERA_API int32_t camera_xu_get_finger(CAMERA_HANDLE handle);
 CAMERA_API int32_t camera_xu_set_finger(CAMERA_HANDLE handle, int32_t value);
 /* Reads length (> 0) bytes of flash at address into buffer, 8 bytes per
- * exchange. */
+ * exchange: 0; CAMERA_ERR_FAILURE for a length <= 0, a NULL buffer or a
+ * failed exchange (the chunks read before it stay in the buffer);
+ * CAMERA_ERR_NO_DEVICE for an unknown or unopened camera. */
 CAMERA_API int32_t camera_xu_flash_read(CAMERA_HANDLE handle, uint32_t address, int32_t length,
                                         void *buffer);
 

@@ -29,6 +29,7 @@ namespace {
 
 constexpr uint8_t FORCED_LEVEL_ON = DTRACE_LEVEL_TRACE;
 constexpr const char *DEFAULT_TARGET = "/tmp/traces.log";
+constexpr const char *MODULE_NAME = "ztuvc";
 
 /* Copies at most nLength - 1 characters and always terminates. */
 void CopyBounded(char *pszOut, unsigned nLength, const char *pszIn, size_t nIn)
@@ -117,7 +118,7 @@ void Init(void)
     const char *pszOn = getenv("ZTTRACE_ON");
     const char *pszPath = getenv("ZTTRACE_PATH");
 
-    snprintf(gDContext.szModuleName, sizeof(gDContext.szModuleName), "%s", "ztuvc");
+    snprintf(gDContext.szModuleName, sizeof(gDContext.szModuleName), "%s", MODULE_NAME);
     gDContext.dwTimeBase = FPPltGetTime();
     pthread_key_create(&gDContext.aIndentKey, nullptr);
 
@@ -131,12 +132,12 @@ void Init(void)
     } else if (IsDirectory(pszHome)) {
         char szCommon[DTRACE_PATH_SIZE];
         snprintf(gDContext.szRegionConfigFile, sizeof(gDContext.szRegionConfigFile), "%s/.zttrace/%s.cfg",
-                 pszHome, gDContext.szModuleName);
+                 pszHome, MODULE_NAME);
         snprintf(szCommon, sizeof(szCommon), "%s/.zttrace/.zttrace.cfg", pszHome);
         CfgGetSetValue(szCommon, "option_target", gDContext.szTarget, DTRACE_PATH_SIZE, DEFAULT_TARGET);
     } else {
         snprintf(gDContext.szRegionConfigFile, sizeof(gDContext.szRegionConfigFile), "/etc/zttrace/%s.cfg",
-                 gDContext.szModuleName);
+                 MODULE_NAME);
         CfgGetSetValue("/etc/zttrace/.zttrace.cfg", "option_target", gDContext.szTarget, DTRACE_PATH_SIZE,
                        DEFAULT_TARGET);
     }

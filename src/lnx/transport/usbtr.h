@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <linux/usbdevice_fs.h>
 #include <pthread.h>
+#include <sys/ioctl.h> /* the USBDEVFS_* request codes expand to _IO* */
 
 #include "../../common/usbtr/usbtrint.h"
 

@@ -396,8 +396,9 @@ TEST(TransportRequest, ARequestReapedByAnotherThreadCountsAsCompleted)
     // A now finds x done although its own reap gets nothing.
     EXPECT_EQ(USBTRPollReapThisRequest(ctx.get(), &x, 100), USBTR_STATUS_SUCCESS);
     for (const fake::Call &c : fake::calls(USBDEVFS_REAPURBNDELAY)) {
-        if (c.urb == &x)
+        if (c.urb == &x) {
             EXPECT_EQ(c.thread, idB) << "x was reaped by B only";
+        }
     }
     EXPECT_EQ(USBTRRequestMark(&x), &x);
     EXPECT_EQ(statusB.load(), -1) << "B still waits for y";

@@ -398,6 +398,25 @@ long control(ReaderState& s, const usbdevfs_ctrltransfer& t, uint8_t* data, unsi
     return -EPIPE;
 }
 
+// A control transfer with the faults registered for it applied.
+long controlWithFaults(ReaderState& s, const usbdevfs_ctrltransfer& t, uint8_t* data, unsigned len, bool* unplug) {
+    int failErr = 0;
+    long shortTo = -1;
+    for (auto& f : s.faults) {
+        if (f.target != Fault::Control || !f.match.matches(t.bRequestType, t.bRequest, t.wValue, t.wIndex))
+            continue;
+        if (!f.fire()) continue;
+        if (f.action == Fault::Unplug) *unplug = true;
+        else if (f.action == Fault::Fail) failErr = f.err;
+        else shortTo = f.bytes;
+        break;
+    }
+    if (*unplug) return -ENODEV;
+    long r = failErr ? -failErr : control(s, t, data, len);
+    if (r >= 0 && shortTo >= 0 && r > shortTo) r = shortTo;
+    return r;
+}
+
 // Applies the faults registered for an ioctl; returns true when one decided
 // the outcome (then `c` has been finished). Sets *shortBytes for a short reply.
 bool ioctlFaults(Ctx& c, bool* unplug) {
@@ -442,24 +461,12 @@ void handleControl(Ctx& c, bool* unplug) {
     const unsigned len = dd ? t.wLength : 0;
     if (!in && dd) c.rec.dataOut.assign(dd->data, dd->data + len);
 
-    int failErr = 0;
-    long shortTo = -1;
-    for (auto& f : s.faults) {
-        if (f.target != Fault::Control || !f.match.matches(t.bRequestType, t.bRequest, t.wValue, t.wIndex))
-            continue;
-        if (!f.fire()) continue;
-        if (f.action == Fault::Unplug) *unplug = true;
-        else if (f.action == Fault::Fail) failErr = f.err;
-        else shortTo = f.bytes;
-        break;
-    }
+    long r = controlWithFaults(s, t, dd ? dd->data : nullptr, len, unplug);
     if (*unplug) {
         if (dd) umockdev_ioctl_data_unref(dd);
         umockdev_ioctl_data_unref(td);
         return;
     }
-    long r = failErr ? -failErr : control(s, t, dd ? dd->data : nullptr, len);
-    if (r >= 0 && shortTo >= 0 && r > shortTo) r = shortTo;
     if (r >= 0 && in && dd) c.rec.dataIn.assign(dd->data, dd->data + r);
     if (dd) umockdev_ioctl_data_unref(dd);
     umockdev_ioctl_data_unref(td);
@@ -467,7 +474,7 @@ void handleControl(Ctx& c, bool* unplug) {
     else finish(c, r, 0);
 }
 
-void handleSubmit(Ctx& c) {
+void handleSubmit(Ctx& c, bool* unplug) {
     ReaderState& s = c.s;
     c.rec.urbAddress = *reinterpret_cast<const uint64_t*>(c.arg->data);
     UMockdevIoctlData* ud = umockdev_ioctl_data_resolve(c.arg, 0, sizeof(usbdevfs_urb), nullptr);
@@ -498,10 +505,8 @@ void handleSubmit(Ctx& c) {
         if (!intEp) return fail(k.endpoint == kIsoEndpoint && s.alt[1] == 1 ? EINVAL : ENOENT);
     } else if (k.type == USBDEVFS_URB_TYPE_BULK) {
         return fail(k.endpoint == kIsoEndpoint || intEp ? EINVAL : ENOENT);
-    } else if (k.type != USBDEVFS_URB_TYPE_CONTROL) {
+    } else if (k.type != USBDEVFS_URB_TYPE_CONTROL || k.endpoint != 0 || k.buffer_length < 8) {
         return fail(EINVAL);
-    } else {
-        return fail(EINVAL);  // control URBs are not modelled; nobody here uses them
     }
     if (k.buffer_length > 0 && !k.buffer) return fail(EFAULT);
 
@@ -548,6 +553,37 @@ void handleSubmit(Ctx& c) {
             finish(c, -1, EFAULT);
             return;
         }
+    }
+    if (k.type == USBDEVFS_URB_TYPE_CONTROL) {
+        // Asynchronous control transfer: setup packet + data stage in the
+        // buffer; done at once, reaped later.
+        usbdevfs_ctrltransfer t{};
+        uint8_t* b = u->buf->data;
+        t.bRequestType = b[0];
+        t.bRequest = b[1];
+        t.wValue = uint16_t(b[2] | b[3] << 8);
+        t.wIndex = uint16_t(b[4] | b[5] << 8);
+        t.wLength = uint16_t(b[6] | b[7] << 8);
+        c.rec.bRequestType = t.bRequestType;
+        c.rec.bRequest = t.bRequest;
+        c.rec.wValue = t.wValue;
+        c.rec.wIndex = t.wIndex;
+        c.rec.wLength = t.wLength;
+        const unsigned len = std::min<unsigned>(t.wLength, unsigned(k.buffer_length - 8));
+        const bool in = t.bRequestType & 0x80;
+        if (!in) c.rec.dataOut.assign(b + 8, b + 8 + len);
+        long r = controlWithFaults(s, t, b + 8, len, unplug);
+        if (*unplug) {
+            freeUrb(u);
+            return;
+        }
+        if (r >= 0 && in) c.rec.dataIn.assign(b + 8, b + 8 + r);
+        urbOf(u)->status = r < 0 ? int(r) : 0;
+        urbOf(u)->actual_length = r < 0 ? 0 : int(r);
+        s.completed.push_back(u);
+        ++s.submittedTotal;
+        finish(c, 0, 0);
+        return;
     }
     if (k.type == USBDEVFS_URB_TYPE_ISO && s.hangNext > 0) {
         --s.hangNext;
@@ -640,7 +676,7 @@ void handleOne(Ctx& c, bool* unplug, bool* unplugAfter) {
     bool ok = true;
     switch (c.req) {
     case USBDEVFS_CONTROL: handleControl(c, unplug); return;
-    case USBDEVFS_SUBMITURB: handleSubmit(c); return;
+    case USBDEVFS_SUBMITURB: handleSubmit(c, unplug); return;
     case USBDEVFS_REAPURBNDELAY: handleReap(c, unplugAfter); return;
     case USBDEVFS_REAPURB:
         // The blocking reap would stall umockdev's only worker thread.

@@ -36,6 +36,7 @@ protected:
         ASSERT_EQ(USBTRInit(&hLib_, 0), USBTR_STATUS_SUCCESS);
         ASSERT_EQ(USBTROpen(hLib_, nullptr, 0, &ctx_), USBTR_STATUS_SUCCESS);
         ASSERT_NE(ctx_, nullptr);
+        threads0_ = sim::threadCount();
     }
 
     void TearDown() override
@@ -147,7 +148,11 @@ protected:
         return false;
     }
 
+    // Threads of the process with the reader open and idle.
+    size_t threadsIdle() const { return threads0_; }
+
     sim::Reader *reader_ = nullptr;
+    size_t threads0_ = 0;
     void *hLib_ = nullptr;
     USBTR_CONTEXT *ctx_ = nullptr;
 };
@@ -345,7 +350,7 @@ TEST_P(Stream, SlotCountLimitsAndStartWhileRunning)
 {
     EXPECT_EQ(USBVDStartTransfer(ctx_, 5), USBTR_STATUS_NOT_SUPPORTED);
     EXPECT_TRUE(r().commits().empty());
-    EXPECT_EQ(sim::threadCount(), threadsAtStart());
+    EXPECT_EQ(sim::threadCount(), threadsIdle());
 
     StartStreaming(1);
     EXPECT_EQ(ctx_->nFrameCount, 1u);
@@ -394,7 +399,7 @@ TEST_P(Stream, RequestThatNeverCompletesEndsTheThread)
     EXPECT_GE(dwElapsed, USBVD_ISO_REAP_TIMEOUT);
     EXPECT_LT(dwElapsed, 20000u);
     EXPECT_EQ(USBVDGrabState(ctx_), (uint32_t)USBVD_GRAB_STATE_NOT_STARTED);
-    EXPECT_EQ(sim::threadCount(), threadsAtStart());
+    EXPECT_EQ(sim::threadCount(), threadsIdle());
     EXPECT_EQ(r().isoUrbsInFlight(), 0u);
     EXPECT_EQ(r().currentAltSetting(1), 0);
 
@@ -428,7 +433,7 @@ TEST_P(Stream, ReaderSendingOnlyEmptyPacketsTimesOutTheStart)
     uint32_t dwElapsed = FPPltGetTime() - t0;
     EXPECT_GE(dwElapsed, USBVD_START_TIMEOUT);
     EXPECT_LT(dwElapsed, 20000u);
-    EXPECT_EQ(sim::threadCount(), threadsAtStart());
+    EXPECT_EQ(sim::threadCount(), threadsIdle());
     EXPECT_EQ(r().isoUrbsInFlight(), 0u);
     EXPECT_EQ(r().currentAltSetting(1), 0);
     EXPECT_EQ(Get(0).iStatus, USBTR_STATUS_TIMEOUT); // the thread's status
@@ -446,7 +451,7 @@ TEST_P(Stream, UnplugMidStream)
     EXPECT_EQ(USBVDStartTransfer(ctx_, 0), USBTR_STATUS_COMM_ERROR);
     EXPECT_EQ(USBTRClose(ctx_), USBTR_STATUS_SUCCESS);
     ctx_ = nullptr;
-    EXPECT_EQ(sim::threadCount(), threadsAtStart());
+    EXPECT_EQ(sim::threadCount(), threadsIdle());
     EXPECT_FALSE(NodeStillOpen());
 }
 
@@ -464,7 +469,7 @@ TEST_P(Stream, CloseWhileStreamingJoinsTheThread)
     EXPECT_EQ(USBTRClose(ctx_), USBTR_STATUS_SUCCESS);
     ctx_ = nullptr;
     r().stopPaced();
-    EXPECT_EQ(sim::threadCount(), threadsAtStart());
+    EXPECT_EQ(sim::threadCount(), threadsIdle());
     EXPECT_FALSE(NodeStillOpen());
 }
 

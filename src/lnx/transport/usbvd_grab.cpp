@@ -13,6 +13,8 @@
 
 static constexpr uint8_t USBVD_NO_SLOT = 0xFF;
 static constexpr uint8_t USBVD_PAYLOAD_FID = 0x01;
+/* How often a thread waiting for a request looks for a stop. */
+static constexpr uint32_t USBVD_STOP_POLL = 50;
 
 void USBVDPrepareISORequest(USBTR_CONTEXT *pContext, USBVD_ISO_REQUEST *pRequest, uint8_t *pBuffer)
 {
@@ -192,6 +194,25 @@ static inline void USBVDAssemble(USBTR_CONTEXT *pContext, USBVD_ASSEMBLY *pAsm,
     }
 }
 
+/* Waits up to USBVD_ISO_REAP_TIMEOUT for one request of the ring, in slices,
+ * so that a stop asked for meanwhile ends the wait without the full time-out
+ * (the request is then discarded with the rest of the ring). */
+static int32_t USBVDWaitRequest(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest, bool *pbStopped)
+{
+    uint32_t dwStart = FPPltGetTime();
+    for (;;) {
+        int32_t iStatus = USBTRPollReapThisRequest(pContext, pRequest, USBVD_STOP_POLL);
+        if (iStatus != USBTR_STATUS_TIMEOUT)
+            return iStatus;
+        if (USBVDGrabState(pContext) == USBVD_GRAB_STATE_STOPPED) {
+            *pbStopped = true;
+            return USBTR_STATUS_SUCCESS;
+        }
+        if (FPPltGetTime() - dwStart >= USBVD_ISO_REAP_TIMEOUT)
+            return USBTR_STATUS_TIMEOUT;
+    }
+}
+
 static int32_t USBVDStreamLoop(USBTR_CONTEXT *pContext, uint32_t nRealImageLength)
 {
     USBVD_ASSEMBLY aAsm;
@@ -209,8 +230,9 @@ static int32_t USBVDStreamLoop(USBTR_CONTEXT *pContext, uint32_t nRealImageLengt
     if (USBVDGrabState(pContext) != USBVD_GRAB_STATE_STOPPED) {
         for (;;) {
             USBVD_ISO_REQUEST *pRequest = &pContext->aIsoRequests[i];
-            iStatus = USBTRPollReapThisRequest(pContext, &pRequest->aRequest, USBVD_ISO_REAP_TIMEOUT);
-            if (iStatus != USBTR_STATUS_SUCCESS)
+            bool bStopped = false;
+            iStatus = USBVDWaitRequest(pContext, &pRequest->aRequest, &bStopped);
+            if (iStatus != USBTR_STATUS_SUCCESS || bStopped)
                 break;
 
             USBVDAssemble(pContext, &aAsm, pRequest, pContext->aIsoBuffers[i]);

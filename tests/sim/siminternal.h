@@ -140,7 +140,6 @@ struct TestbedImpl {
         std::shared_ptr<ReaderState> current;
     };
     std::vector<std::pair<std::string, Node>> nodes;
-    std::vector<std::pair<void*, std::weak_ptr<ReaderState>>> clients;
     std::vector<unsigned> rootHubs;
     unsigned nextPort[256] = {};
     unsigned nextDev[256] = {};

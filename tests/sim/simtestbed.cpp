@@ -78,27 +78,44 @@ void setImmutable(const std::string& path, bool on) {
 
 const char* kHub = "/devices/pci0000:00/0000:00:14.0";
 
-void clientGone(gpointer data, GObject* where) {
-    auto* impl = static_cast<TestbedImpl*>(data);
-    std::lock_guard<std::mutex> g(impl->m);
-    auto& v = impl->clients;
-    v.erase(std::remove_if(v.begin(), v.end(), [&](auto& p) { return p.first == where; }), v.end());
+// Which device each connected client opened. Process-wide and never freed:
+// umockdev drops its clients on its worker thread, possibly after the
+// testbed is gone.
+struct Clients {
+    std::mutex m;
+    std::vector<std::pair<void*, std::weak_ptr<ReaderState>>> v;
+};
+Clients& clients() {
+    static Clients* c = new Clients;
+    return *c;
+}
+
+void clientGone(gpointer, GObject* where) {
+    Clients& c = clients();
+    std::lock_guard<std::mutex> g(c.m);
+    c.v.erase(std::remove_if(c.v.begin(), c.v.end(), [&](auto& p) { return p.first == where; }), c.v.end());
 }
 
 }  // namespace
 
 std::shared_ptr<ReaderState> TestbedImpl::stateForClient(UMockdevIoctlClient* c) {
+    {
+        Clients& cl = clients();
+        std::lock_guard<std::mutex> g(cl.m);
+        for (auto& p : cl.v)
+            if (p.first == c) return p.second.lock();
+    }
     std::lock_guard<std::mutex> g(m);
-    for (auto& p : clients)
-        if (p.first == c) return p.second.lock();
     const char* dn = umockdev_ioctl_client_get_devnode(c);
     if (!dn) return nullptr;
     for (auto& n : nodes) {
         if (n.first == dn && n.second.current) {
             // Remember which device this client opened: a device plugged in
             // later at the same node must not answer an old descriptor.
-            clients.emplace_back(c, n.second.current);
-            g_object_weak_ref(G_OBJECT(c), clientGone, this);
+            Clients& cl = clients();
+            std::lock_guard<std::mutex> g2(cl.m);
+            cl.v.emplace_back(c, n.second.current);
+            g_object_weak_ref(G_OBJECT(c), clientGone, nullptr);
             return n.second.current;
         }
     }

@@ -189,13 +189,9 @@ bool ReaderState::completeOneLocked(Urb* u) {
             at += room;
             queue.pop_front();
         }
-        for (int i = 0; i < u->packets; ++i) (void)i;
     }
     int total = 0;
     for (int i = 0; i < u->packets; ++i) total += int(d[i].actual_length);
-    if (queue.empty() == false || true) {
-        // zero-length packets of an empty URB
-    }
     k->status = 0;
     k->actual_length = total;
     k->error_count = 0;

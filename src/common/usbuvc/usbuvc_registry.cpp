@@ -42,6 +42,12 @@ extern "C" CAMERA_API void camera_init(void)
         if (gInitCount != 0) {
             gInitCount++;
         } else {
+            /* A failed earlier attempt may have left a handle; it is replaced,
+             * so give it back first rather than lose it. */
+            if (ghLibraryHandle != nullptr) {
+                USBTRDone(ghLibraryHandle);
+                ghLibraryHandle = nullptr;
+            }
             int32_t status = USBTRInit(&ghLibraryHandle, 0);
             DASSERT(status == USBTR_STATUS_SUCCESS, "status == (0)");
             /* Left at 0 on failure so that the next call tries again. */

@@ -1,0 +1,93 @@
+// Shared bits of the fault and load tests: how long to run (CI keeps it
+// short, tests/stress/soak.sh raises the counts), a reproducible random
+// source, and frame checks.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+
+#include "simreader.h"
+#include "ztuvc.h"
+
+namespace stress {
+
+// Integer from the environment, or `fallback` when unset or not a number.
+inline unsigned envCount(const char* name, unsigned fallback)
+{
+    const char* s = getenv(name);
+    if (s == nullptr || *s == '\0')
+        return fallback;
+    char* end = nullptr;
+    unsigned long v = strtoul(s, &end, 10);
+    return (end != nullptr && *end == '\0' && v > 0) ? unsigned(v) : fallback;
+}
+
+// Rounds of a fault case (ZTUVC_STRESS_ROUNDS) and frames per reader of a
+// load case (ZTUVC_STRESS_FRAMES).
+inline unsigned rounds(unsigned ci) { return envCount("ZTUVC_STRESS_ROUNDS", ci); }
+inline unsigned frames(unsigned ci) { return envCount("ZTUVC_STRESS_FRAMES", ci); }
+
+// ZTUVC_STRESS_SEED repeats a run; otherwise a fresh seed, printed so that a
+// failure can be replayed.
+inline uint32_t seed()
+{
+    uint32_t s = envCount("ZTUVC_STRESS_SEED", 0);
+    if (s == 0)
+        s = std::random_device{}() | 1u;
+    std::printf("[ stress ] ZTUVC_STRESS_SEED=%u\n", s);
+    ::testing::Test::RecordProperty("seed", std::to_string(s));
+    return s;
+}
+
+// A frame as the application sees it: the pattern of the frame number it
+// carries, then the "TmSt" trailer. Returns the frame number.
+inline uint32_t checkFrame(const void* pFrame, const sim::Reader& r, const char* where)
+{
+    EXPECT_NE(pFrame, nullptr) << where;
+    if (pFrame == nullptr)
+        return UINT32_MAX;
+    auto* p = static_cast<const uint8_t*>(pFrame);
+    const uint32_t n = sim::frameNumberOf(p);
+    const uint32_t size = r.info().imageSize();
+    EXPECT_EQ(sim::firstPatternMismatch(p, size, n), -1) << where << ": frame " << n << " of " << r.sysfsName();
+    CAMERA_TIME_STAMP ts;
+    memcpy(&ts, p + size, sizeof(ts));
+    EXPECT_EQ(std::string(ts.szSignature, 4), "TmSt") << where;
+    EXPECT_LE(ts.dwFrameStart, ts.dwFrameReturned) << where;
+    return n;
+}
+
+// Descriptors of this process, without the sockets: the simulator opens one
+// per simulated device node (its ioctl server) and umockdev one per emulated
+// open; those are theirs.  A descriptor the library leaks on a node shows up
+// as the node's path.
+inline size_t fdCount()
+{
+    size_t n = 0;
+    for (const std::string& f : sim::openFds())
+        n += f.find("socket:") == std::string::npos;
+    return n;
+}
+
+inline size_t nodeFdCount()
+{
+    size_t n = 0;
+    for (const std::string& f : sim::openFds())
+        n += f.find("bus/usb/") != std::string::npos;
+    return n;
+}
+
+inline std::string fdList()
+{
+    std::string s;
+    for (const std::string& f : sim::openFds())
+        s += "  " + f + "\n";
+    return s;
+}
+
+}  // namespace stress

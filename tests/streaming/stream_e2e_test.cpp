@@ -425,6 +425,38 @@ TEST_P(Stream, RequestThatNeverCompletesEndsTheThread)
     ExpectFrame(nFirst);
 }
 
+// Every way the set-up can fail ends the thread with the failure's status,
+// leaves nothing in flight and the interface idle; the next start works.
+TEST_P(Stream, SetUpFailuresEndTheThreadCleanly)
+{
+    r().queueFrames(1);
+
+    r().stallControl(sim::ControlMatch::commit());
+    EXPECT_EQ(USBVDStartTransfer(ctx_, 0), USBTR_STATUS_COMM_ERROR) << "commit stalled";
+    r().shortControl(sim::ControlMatch::commit(), 20);
+    EXPECT_EQ(USBVDStartTransfer(ctx_, 0), USBTR_STATUS_PARTIAL_TRANSFER) << "commit short";
+    EXPECT_EQ(r().isoUrbsInFlight(), 0u);
+
+    r().failIoctl(USBDEVFS_SETINTERFACE, EPROTO);
+    EXPECT_EQ(USBVDStartTransfer(ctx_, 0), USBTR_STATUS_COMM_ERROR) << "alternate setting";
+    EXPECT_EQ(r().isoUrbsInFlight(), 0u);
+
+    // The fifth of the sixteen first submissions is refused: the four before
+    // it are discarded and collected.
+    r().failIoctl(USBDEVFS_SUBMITURB, ENOMEM, sim::When::nth(5));
+    EXPECT_EQ(USBVDStartTransfer(ctx_, 0), USBTR_STATUS_COMM_ERROR) << "submission";
+    EXPECT_EQ(r().isoUrbsInFlight(), 0u);
+    EXPECT_EQ(r().urbsCompleted(), 0u);
+    EXPECT_EQ(r().currentAltSetting(1), 0);
+    EXPECT_EQ(sim::threadCount(), threadsIdle());
+    EXPECT_EQ(USBVDGrabState(ctx_), (uint32_t)USBVD_GRAB_STATE_NOT_STARTED);
+
+    r().clearFaults();
+    uint32_t nFirst = StartStreaming();
+    Queue(1);
+    ExpectFrame(nFirst);
+}
+
 TEST_P(Stream, ReaderSendingOnlyEmptyPacketsTimesOutTheStart)
 {
     r().queueEmptyUrbs(1000000);

@@ -324,3 +324,29 @@ TEST_F(DiscoveryRoot, AMissingEnvironmentRootFallsBack)
 }
 
 } // namespace
+
+namespace {
+
+// Without any USB device there is no sysfs device directory: the first
+// initialisation fails but still hands out a valid handle, later ones succeed
+// without searching again, and a walk reports the missing directory.
+TEST_F(Discovery, AFailedFirstInitialisationIsNotRepeated)
+{
+    struct stat st;
+    if (stat("/sys/bus/usb/devices", &st) == 0)
+        GTEST_SKIP() << "this testbed shows a sysfs device directory without devices";
+    void *first = nullptr;
+    EXPECT_EQ(USBTRInit(&first, 0), USBTR_STATUS_GENERAL_ERROR);
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(gGlobalInitialised, 1u);
+    void *second = nullptr;
+    EXPECT_EQ(USBTRInit(&second, 0), USBTR_STATUS_SUCCESS);
+    USBTR_DEVICE_LIST *list = reinterpret_cast<USBTR_DEVICE_LIST *>(0x1);
+    EXPECT_EQ(USBTREnumerate(first, nullptr, &list), USBTR_STATUS_GENERAL_ERROR);
+    EXPECT_EQ(list, reinterpret_cast<USBTR_DEVICE_LIST *>(0x1));
+    EXPECT_EQ(traceCount("Unable to opendir(/sys/bus/usb/devices): "), 1u);
+    EXPECT_EQ(USBTRDone(first), USBTR_STATUS_SUCCESS);
+    EXPECT_EQ(USBTRDone(second), USBTR_STATUS_SUCCESS);
+}
+
+} // namespace

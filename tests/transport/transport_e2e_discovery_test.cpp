@@ -138,13 +138,24 @@ TEST_F(Discovery, StringsAreTrimmedAndTheModelNameStandsInForAMissingProduct)
     blank.rawAttributes = {{"product", "  \n"}, {"manufacturer", "\n"}, {"serial", ""}};
     Reader &r3 = addReader(Model::T40, blank);
 
+    // The last byte read always goes (it is the newline of a sysfs value);
+    // a value longer than the field keeps what fits.
+    const std::string longSerial(200, 'x');
+    DeviceOptions odd;
+    odd.rawAttributes = {{"product", "Reader X"}, {"manufacturer", "M \t\n"}, {"serial", longSerial + "\n"}};
+    Reader &r4 = addReader(Model::T30, odd);
+
     int32_t st = -1;
     auto list = enumerate(&st);
     ASSERT_EQ(st, USBTR_STATUS_SUCCESS);
-    ASSERT_EQ(list.size(), 3u);
+    ASSERT_EQ(list.size(), 4u);
     for (const auto &d : list) {
         std::string name = d.szDeviceName;
-        if (name == r1.cameraName()) {
+        if (name == r4.cameraName()) {
+            EXPECT_STREQ(d.szDescription, "Reader");
+            EXPECT_STREQ(d.szManufacturer, "M");
+            EXPECT_EQ(std::string(d.szSerialNumber), std::string(127, 'x'));
+        } else if (name == r1.cameraName()) {
             EXPECT_STREQ(d.szDescription, "Reader");
             EXPECT_STREQ(d.szManufacturer, "abc");
             EXPECT_STREQ(d.szSerialNumber, "  S/N 42");

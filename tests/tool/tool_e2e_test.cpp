@@ -275,6 +275,46 @@ TEST_F(ToolTest, CaptureReportsAReaderUnpluggedMidStream) {
     EXPECT_FALSE(tooltest::fileExists(path("u3.pgm"))) << "more frames than were sent";
 }
 
+TEST_F(ToolTest, CaptureStopsCleanlyOnInterrupt) {
+    sim::Reader& r = addReader(Model::T10);
+    tooltest::Child child(argv({"capture", "-n", "50", "--timeout", "5000", "-o", path("i%d.pgm")}), dir_);
+    ASSERT_TRUE(child.running());
+    r.queueFrames(2);  // frame 0 completes, then nothing more
+    auto deadline = std::chrono::steady_clock::now() + 20s;
+    while (!tooltest::fileExists(path("i0.pgm")) && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(5ms);
+    ASSERT_TRUE(tooltest::fileExists(path("i0.pgm")));
+    std::this_thread::sleep_for(100ms);  // the tool now waits for frame 1
+    auto t0 = std::chrono::steady_clock::now();
+    child.signal(SIGINT);
+    Result res = child.wait();
+    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0);
+    EXPECT_EQ(res.exitCode, 130) << describe(res);
+    EXPECT_NE(res.err.find("ztuvc: interrupted"), std::string::npos) << res.err;
+    EXPECT_NE(res.out.find("1 frame in "), std::string::npos) << res.out;
+    // The frame wait under way ends (5000 + 1500 ms at most), then the tool
+    // stops instead of waiting for the other 48 frames.
+    EXPECT_LT(ms.count(), 15000);
+    EXPECT_EQ(r.currentAltSetting(1), 0) << "the stream was not stopped";
+}
+
+TEST_F(ToolTest, CaptureDrawsAProgressBarOnlyOnATerminal) {
+    sim::Reader& r = addReader(Model::T10);
+    r.queueFrames(3);
+    std::string out;
+    int code = tooltest::runOnTerminal(argv({"capture", "-n", "2", "-o", path("p%d.pgm")}), out);
+    ASSERT_EQ(code, 0) << out;
+    EXPECT_NE(out.find("] 1/2"), std::string::npos) << out;
+    EXPECT_NE(out.find("] 2/2"), std::string::npos) << out;
+    EXPECT_NE(out.find("\r\033[K"), std::string::npos) << "the bar is cleared before the summary";
+    EXPECT_NE(out.find("2 frames in "), std::string::npos) << out;
+
+    r.queueFrames(3);
+    Result plain = tool({"capture", "-n", "2", "-o", path("q%d.pgm")});
+    ASSERT_EQ(plain.exitCode, 0) << describe(plain);
+    EXPECT_EQ(plain.out.find('\r'), std::string::npos) << "progress bar written to a file";
+}
+
 TEST_F(ToolTest, CaptureOfAReaderThatNeverStreamsFailsToStart) {
     sim::Reader& r = addReader(Model::T10);
     (void)r;  // nothing queued: no payload ever arrives

@@ -5,6 +5,8 @@
 #include <png.h>
 
 #include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -78,6 +80,9 @@ public:
     Child& operator=(const Child&) = delete;
 
     bool running() const { return pid_ > 0; }
+    void signal(int sig) {
+        if (pid_ > 0) kill(pid_, sig);
+    }
     int spawnError() const { return spawnError_; }
 
     // Waits for the exit; kills the child after `timeout`.
@@ -118,6 +123,58 @@ inline Result run(const std::vector<std::string>& argv, const std::string& dir,
                   std::chrono::milliseconds timeout = std::chrono::milliseconds(60000)) {
     Child c(argv, dir);
     return c.wait(timeout);
+}
+
+// Runs a program with a terminal as stdout and stderr; collects everything
+// it wrote there. Returns the exit code (-1 when it had to be killed).
+inline int runOnTerminal(const std::vector<std::string>& argv, std::string& out,
+                         std::chrono::milliseconds timeout = std::chrono::milliseconds(60000)) {
+    int master = -1, slave = -1;
+    if (openpty(&master, &slave, nullptr, nullptr, nullptr) != 0) return -1;
+    std::vector<char*> args;
+    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&fa, slave, 1);
+    posix_spawn_file_actions_adddup2(&fa, slave, 2);
+    posix_spawn_file_actions_addclose(&fa, master);
+    posix_spawn_file_actions_addclose(&fa, slave);
+    pid_t pid = -1;
+    int err = posix_spawn(&pid, args[0], &fa, nullptr, args.data(), environ);
+    posix_spawn_file_actions_destroy(&fa);
+    ::close(slave);
+    if (err != 0) {
+        ::close(master);
+        return -1;
+    }
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    int status = 0;
+    bool exited = false;
+    char buf[4096];
+    for (;;) {
+        pollfd p{master, POLLIN, 0};
+        if (poll(&p, 1, 10) > 0) {
+            ssize_t n = ::read(master, buf, sizeof buf);
+            if (n > 0) {
+                out.append(buf, size_t(n));
+                continue;
+            }
+            if (exited) break;  // EIO: the terminal's last writer is gone
+        } else if (exited) {
+            break;
+        }
+        if (!exited && waitpid(pid, &status, WNOHANG) == pid) exited = true;
+        if (!exited && std::chrono::steady_clock::now() > deadline) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            ::close(master);
+            return -1;
+        }
+    }
+    ::close(master);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 struct Image {

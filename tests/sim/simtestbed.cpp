@@ -16,6 +16,14 @@
 #include <cstdlib>
 #include <cstring>
 
+// The testbed hands out a fresh copy of its root path.
+static std::string TestbedRoot(UMockdevTestbed* tb) {
+    gchar* p = umockdev_testbed_get_root_dir(tb);
+    std::string root = p ? p : "";
+    g_free(p);
+    return root;
+}
+
 namespace sim {
 
 gboolean simHandleIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer user);
@@ -125,7 +133,7 @@ std::shared_ptr<ReaderState> TestbedImpl::stateForClient(UMockdevIoctlClient* c)
 void TestbedImpl::removeSysfs(ReaderState& s) {
     std::lock_guard<std::mutex> g(m);
     if (s.sysPath.empty() || !tb) return;
-    std::string root = umockdev_testbed_get_root_dir(tb);
+    std::string root = TestbedRoot(tb);
     umockdev_testbed_remove_device(tb, s.sysPath.c_str());
     // The node goes with the device.
     std::string node = root + s.node;
@@ -153,7 +161,7 @@ Testbed::~Testbed() {
         states = impl_->states;
     }
     for (auto& r : impl_->readers) r->stopPaced();
-    std::string root = umockdev_testbed_get_root_dir(impl_->tb);
+    std::string root = TestbedRoot(impl_->tb);
     for (auto& p : impl_->immutable) setImmutable(p, false);
     for (auto& n : impl_->nodes) {
         umockdev_testbed_detach_ioctl(impl_->tb, n.first.c_str(), nullptr);
@@ -181,7 +189,7 @@ Testbed::~Testbed() {
 
 Testbed* Testbed::current() { return gCurrent; }
 
-std::string Testbed::rootDir() const { return umockdev_testbed_get_root_dir(impl_->tb); }
+std::string Testbed::rootDir() const { return TestbedRoot(impl_->tb); }
 
 Reader& Testbed::addReader(Model m) {
     DeviceOptions o;
@@ -294,7 +302,7 @@ Reader& Testbed::addDevice(DeviceOptions o) {
                                     rel.c_str(), s->sysName.c_str(), i, i, i + 1));
     }
     for (auto& [name, val] : o.rawAttributes) setAttr(I.tb, s->sysPath, name, val);
-    const std::string root = umockdev_testbed_get_root_dir(I.tb);
+    const std::string root = TestbedRoot(I.tb);
     for (auto& name : o.missingAttributes) unlink((root + s->sysPath + "/" + name).c_str());
     for (auto& name : o.unreadableAttributes) {
         // Root reads any file whatever its mode: a directory is what fails read().

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <random>
 #include <string>
+#include <unistd.h>
 
 #include "simreader.h"
 #include "ztuvc.h"
@@ -31,6 +32,12 @@ inline unsigned envCount(const char* name, unsigned fallback)
 // load case (ZTUVC_STRESS_FRAMES).
 inline unsigned rounds(unsigned ci) { return envCount("ZTUVC_STRESS_ROUNDS", ci); }
 inline unsigned frames(unsigned ci) { return envCount("ZTUVC_STRESS_FRAMES", ci); }
+
+// Watchdog of a case: `base` seconds for the CI counts, more for long runs.
+inline unsigned watchdog(unsigned base)
+{
+    return base + 30 * envCount("ZTUVC_STRESS_ROUNDS", 0) + envCount("ZTUVC_STRESS_FRAMES", 0);
+}
 
 // ZTUVC_STRESS_SEED repeats a run; otherwise a fresh seed, printed so that a
 // failure can be replayed.
@@ -71,6 +78,29 @@ inline size_t fdCount()
     size_t n = 0;
     for (const std::string& f : sim::openFds())
         n += f.find("socket:") == std::string::npos;
+    return n;
+}
+
+// The count once it equals `expected`, or after 2 s: umockdev tidies its own
+// side of a closed emulated node a moment after close() returns, while a
+// leak stays.
+inline size_t settledFdCount(size_t expected)
+{
+    size_t n = fdCount();
+    for (int i = 0; i < 100 && n != expected; i++) {
+        usleep(20000);
+        n = fdCount();
+    }
+    return n;
+}
+
+inline size_t settledThreadCount(size_t expected)
+{
+    size_t n = sim::threadCount();
+    for (int i = 0; i < 100 && n != expected; i++) {
+        usleep(20000);
+        n = sim::threadCount();
+    }
     return n;
 }
 

@@ -29,7 +29,7 @@ long msSince(Clock::time_point t0)
 
 class Unplug : public sim::SimTest {
 protected:
-    Unplug() : sim::SimTest(170) {}
+    Unplug() : sim::SimTest(stress::watchdog(170)) {}
 
     void SetUp() override
     {
@@ -92,9 +92,9 @@ protected:
         EXPECT_EQ(camera_start_capture(h, 0), CAMERA_ERR_NO_DEVICE) << where;
         EXPECT_EQ(camera_xu_sensor_read(h, 0x10), CAMERA_ERR_NO_DEVICE) << where;
         EXPECT_EQ(camera_get_vid(h), CAMERA_ERR_NO_DEVICE) << where;
-        EXPECT_EQ(sim::threadCount(), threads0_) << where << ": a thread was left running";
+        EXPECT_EQ(stress::settledThreadCount(threads0_), threads0_) << where << ": a thread was left running";
         EXPECT_EQ(stress::nodeFdCount(), 0u) << stress::fdList();
-        EXPECT_EQ(stress::fdCount(), fds0_) << where << ": descriptors left open:\n" << stress::fdList();
+        EXPECT_EQ(stress::settledFdCount(fds0_), fds0_) << where << ": descriptors left open:\n" << stress::fdList();
     }
 
     // Takes frames until the stream reports the loss; every frame before it
@@ -265,9 +265,9 @@ TEST_F(Unplug, DuringTheOpen)
         }
         camera_device_enumerate(nullptr, 0);
         EXPECT_EQ(camera_device_count(), 0u);
-        EXPECT_EQ(sim::threadCount(), threads0_);
+        EXPECT_EQ(stress::settledThreadCount(threads0_), threads0_);
         EXPECT_EQ(stress::nodeFdCount(), 0u) << stress::fdList();
-        EXPECT_EQ(stress::fdCount(), fds0_) << stress::fdList();
+        EXPECT_EQ(stress::settledFdCount(fds0_), fds0_) << stress::fdList();
     }
 }
 
@@ -321,9 +321,9 @@ TEST_F(Unplug, RandomPointsThenAReplugStreams)
     }
     EXPECT_EQ(camera_stop_capture(h), 0);
     camera_close(h);
-    EXPECT_EQ(sim::threadCount(), threads0_);
+    EXPECT_EQ(stress::settledThreadCount(threads0_), threads0_);
     EXPECT_EQ(stress::nodeFdCount(), 0u) << stress::fdList();
-        EXPECT_EQ(stress::fdCount(), fds0_) << stress::fdList();
+        EXPECT_EQ(stress::settledFdCount(fds0_), fds0_) << stress::fdList();
 }
 
 }  // namespace

@@ -249,14 +249,15 @@ int selectReader(const Args& a, CAMERA_HANDLE& h, uint32_t& index) {
         h = camera_get_by_index(0);
         return h != nullptr ? kExitOk : kExitNoReader;
     }
+    // An index first; then a name or serial number (which may look numeric).
     auto num = parseNumber(a.device);
-    for (uint32_t i = 0; i < n; ++i) {
+    if (num && *num < n && (h = camera_get_by_index(uint32_t(*num))) != nullptr) {
+        index = uint32_t(*num);
+        return kExitOk;
+    }
+    for (uint32_t i = 0; i < n && *a.device != '\0'; ++i) {
         CAMERA_HANDLE c = camera_get_by_index(i);
-        if (c == nullptr) continue;
-        bool match = num ? *num == i
-                         : (str(camera_get_filename(c)) == a.device ||
-                            (str(camera_get_serialnumber(c)) == a.device && *a.device != '\0'));
-        if (match) {
+        if (c != nullptr && (str(camera_get_filename(c)) == a.device || str(camera_get_serialnumber(c)) == a.device)) {
             h = c;
             index = i;
             return kExitOk;

@@ -80,37 +80,46 @@ TEST_F(ToolTest, ListShowsEveryReaderAsTextAndJson) {
     sim::Reader& a = addReader(Model::T10);
     sim::Reader& b = addReader(Model::T30, o);
 
+    // The registry follows the order of the sysfs directory: either order.
+    auto textOf = [&](int i, int k) {
+        const std::string block[2] = {
+            "  id:           3a5c:000b rev 0100\n"
+            "  product:      Tessary 10 Fingerprint Reader\n"
+            "  manufacturer: Tessary Biometrics\n"
+            "  serial:       " + a.serial() + "\n",
+            "  id:           3a5c:000d rev 0203\n"
+            "  product:      Tessary 30 Fingerprint Reader\n"
+            "  manufacturer: Tessary Biometrics\n"
+            "  serial:       AB\"C\\1\n"};
+        return "reader " + std::to_string(i) + ": " + (k == 0 ? a : b).cameraName() + "\n" + block[k];
+    };
+    auto jsonOf = [&](int i, int k) {
+        const std::string tail[2] = {
+            "\"product_id\": \"000b\", \"revision\": \"0100\", \"product\": \"Tessary 10 Fingerprint Reader\", "
+            "\"manufacturer\": \"Tessary Biometrics\", \"serial\": \"" + a.serial() + "\"}",
+            "\"product_id\": \"000d\", \"revision\": \"0203\", \"product\": \"Tessary 30 Fingerprint Reader\", "
+            "\"manufacturer\": \"Tessary Biometrics\", \"serial\": \"AB\\\"C\\\\1\"}"};
+        return "  {\"index\": " + std::to_string(i) + ", \"name\": \"" + (k == 0 ? a : b).cameraName() +
+               "\", \"vendor_id\": \"3a5c\", " + tail[k];
+    };
+
     Result r = tool({"list"});
     ASSERT_EQ(r.exitCode, 0) << describe(r);
-    const std::string expected =
-        "reader 0: " + a.cameraName() + "\n"
-        "  id:           3a5c:000b rev 0100\n"
-        "  product:      Tessary 10 Fingerprint Reader\n"
-        "  manufacturer: Tessary Biometrics\n"
-        "  serial:       " + a.serial() + "\n"
-        "reader 1: " + b.cameraName() + "\n"
-        "  id:           3a5c:000d rev 0203\n"
-        "  product:      Tessary 30 Fingerprint Reader\n"
-        "  manufacturer: Tessary Biometrics\n"
-        "  serial:       AB\"C\\1\n";
-    EXPECT_EQ(r.out, expected);
+    const bool aFirst = r.out.rfind("reader 0: " + a.cameraName() + "\n", 0) == 0;
+    const int first = aFirst ? 0 : 1;
+    EXPECT_EQ(r.out, textOf(0, first) + textOf(1, 1 - first));
     EXPECT_EQ(r.err, "");
 
     Result j = tool({"list", "--json"});
     ASSERT_EQ(j.exitCode, 0) << describe(j);
-    const std::string expectedJson =
-        "[\n"
-        "  {\"index\": 0, \"name\": \"" + a.cameraName() + "\", \"vendor_id\": \"3a5c\", \"product_id\": \"000b\", "
-        "\"revision\": \"0100\", \"product\": \"Tessary 10 Fingerprint Reader\", \"manufacturer\": "
-        "\"Tessary Biometrics\", \"serial\": \"" + a.serial() + "\"},\n"
-        "  {\"index\": 1, \"name\": \"" + b.cameraName() + "\", \"vendor_id\": \"3a5c\", \"product_id\": \"000d\", "
-        "\"revision\": \"0203\", \"product\": \"Tessary 30 Fingerprint Reader\", \"manufacturer\": "
-        "\"Tessary Biometrics\", \"serial\": \"AB\\\"C\\\\1\"}\n"
-        "]\n";
-    EXPECT_EQ(j.out, expectedJson);
-
+    EXPECT_EQ(j.out, "[\n" + jsonOf(0, first) + ",\n" + jsonOf(1, 1 - first) + "\n]\n");
     // Listing opens nothing.
     EXPECT_EQ(a.count(USBDEVFS_CLAIMINTERFACE) + b.count(USBDEVFS_CLAIMINTERFACE), 0u);
+
+    // -d takes the index the list shows.
+    Result byIndex = tool({"info", "-d", "1"});
+    ASSERT_EQ(byIndex.exitCode, 0) << describe(byIndex);
+    EXPECT_EQ(byIndex.out.rfind(textOf(1, 1 - first), 0), 0u) << byIndex.out;
 }
 
 TEST_F(ToolTest, NoReaderIsExitThreeEverywhere) {
@@ -142,37 +151,49 @@ TEST_F(ToolTest, NoReaderIsExitThreeEverywhere) {
 TEST_F(ToolTest, InfoShowsFormatAndIntervalOfTheChosenReader) {
     sim::DeviceOptions o;
     o.serial = std::string("SECOND");
+    sim::DeviceOptions numeric;
+    numeric.serial = std::string("0042");  // a serial number that looks like an index
     sim::Reader& a = addReader(Model::T10);
     sim::Reader& b = addReader(Model::T20, o);
 
-    Result r = tool({"info"});
+    Result r = tool({"info", "-d", a.cameraName()});
     ASSERT_EQ(r.exitCode, 0) << describe(r);
-    EXPECT_NE(r.out.find("reader 0: " + a.cameraName() + "\n"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find(": " + a.cameraName() + "\n"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("  format:       YUYV 640 x 240, 307200 bytes\n"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("  image:        640 x 480, 8-bit grey\n"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("  interval:     33 ms"), std::string::npos) << r.out;
 
-    // By index, by name and by serial number: the 1296 x 808 reader.
-    for (const std::string& sel : {std::string("1"), std::string("0x1"), b.cameraName(), std::string("SECOND")}) {
+    // By name, by serial number, and by the index (decimal and hex) that
+    // 'list' shows: the 1296 x 808 reader.
+    Result listed = tool({"list"});
+    const std::string bIndex = listed.out.find("reader 0: " + b.cameraName()) != std::string::npos ? "0" : "1";
+    for (const std::string& sel : {bIndex, "0x" + bIndex, b.cameraName(), std::string("SECOND")}) {
         Result s = tool({"info", "-d", sel});
         ASSERT_EQ(s.exitCode, 0) << sel << ": " << describe(s);
-        EXPECT_NE(s.out.find("reader 1: " + b.cameraName() + "\n"), std::string::npos) << sel << ": " << s.out;
+        EXPECT_NE(s.out.find("reader " + bIndex + ": " + b.cameraName() + "\n"), std::string::npos)
+            << sel << ": " << s.out;
         EXPECT_NE(s.out.find("  format:       YUYV 1296 x 404, 1047168 bytes\n"), std::string::npos) << s.out;
         EXPECT_NE(s.out.find("  image:        1296 x 808, 8-bit grey\n"), std::string::npos) << s.out;
         EXPECT_NE(s.out.find("  interval:     66 ms"), std::string::npos) << s.out;
     }
 
-    Result j = tool({"info", "--device=1", "--json"});
+    Result j = tool({"info", "--device=SECOND", "--json"});
     ASSERT_EQ(j.exitCode, 0) << describe(j);
     EXPECT_NE(j.out.find("\"fourcc\": \"YUYV\", \"format_width\": 1296, \"format_height\": 404, "
                          "\"image_size\": 1047168, \"width\": 1296, \"height\": 808, \"frame_interval_ms\": 66}\n"),
               std::string::npos)
         << j.out;
 
+    sim::Reader& c = addReader(Model::T40, numeric);
+    Result byNumericSerial = tool({"info", "-d", "0042"});
+    ASSERT_EQ(byNumericSerial.exitCode, 0) << describe(byNumericSerial);
+    EXPECT_NE(byNumericSerial.out.find(": " + c.cameraName() + "\n"), std::string::npos)
+        << byNumericSerial.out;
+
     Result none = tool({"info", "-d", "NOSUCH"});
     EXPECT_EQ(none.exitCode, 3) << describe(none);
-    EXPECT_NE(none.err.find("no reader matches 'NOSUCH' (2 attached"), std::string::npos) << none.err;
-    Result far = tool({"info", "-d", "2"});
+    EXPECT_NE(none.err.find("no reader matches 'NOSUCH' (3 attached"), std::string::npos) << none.err;
+    Result far = tool({"info", "-d", "3"});
     EXPECT_EQ(far.exitCode, 3) << describe(far);
 }
 

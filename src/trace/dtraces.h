@@ -71,6 +71,7 @@ struct DTRACE_CALL {
     uint32_t dwStart = 0;
     uint8_t nLevel = 0;
     bool bOpen = false;
+    bool bTimed = false; /* entry written: the exit will be too */
     ~DTRACE_CALL();
 };
 

@@ -204,15 +204,18 @@ void _DTraceEnter(DTRACE_CALL *pCall, DTRACE_REGION *pRegion, uint8_t nLevel, co
     pCall->nLevel = nLevel;
     pCall->pszFile = pszFile;
     pCall->pszName = pszName;
-    if (_DShouldTrace(pRegion, nLevel, pszFile, iLine, "==> ")) {
+    /* A region's level never changes once configured: when the entry is not
+     * written, neither is the exit, and the clock need not be read. */
+    pCall->bTimed = _DShouldTrace(pRegion, nLevel, pszFile, iLine, "==> ") != 0;
+    if (pCall->bTimed) {
         va_list aArgs;
         va_start(aArgs, pszFormat);
         AddToMessageV(pszFormat, aArgs);
         va_end(aArgs);
         _DOutput();
         pthread_mutex_unlock(&gDContext.aLock);
+        pCall->dwStart = FPPltGetTime();
     }
-    pCall->dwStart = FPPltGetTime();
     _DTraceIncIndentLevel();
     pCall->bOpen = true;
 }
@@ -221,9 +224,11 @@ void _DTraceExit(DTRACE_CALL *pCall, int iLine, const char *pszFormat, ...)
 {
     if (!pCall->bOpen)
         return;
-    uint32_t dwDuration = FPPltGetTime() - pCall->dwStart;
     _DTraceDecIndentLevel();
     pCall->bOpen = false;
+    if (!pCall->bTimed)
+        return;
+    uint32_t dwDuration = FPPltGetTime() - pCall->dwStart;
     if (_DShouldTrace(pCall->pRegion, pCall->nLevel, pCall->pszFile, iLine, "<== ")) {
         AddToMessage("(%d.%03d) ", static_cast<int>(dwDuration / 1000), static_cast<int>(dwDuration % 1000));
         va_list aArgs;

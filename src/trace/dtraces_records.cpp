@@ -48,6 +48,14 @@ void AddToMessage(const char *pszFormat, ...)
     va_end(aArgs);
 }
 
+/* Appends the last text, writes the record and releases the trace lock. */
+void FinishRecordV(const char *pszFormat, va_list aArgs)
+{
+    AddToMessageV(pszFormat, aArgs);
+    _DOutput();
+    pthread_mutex_unlock(&gDContext.aLock);
+}
+
 void AddBlanks(intptr_t iCount)
 {
     while (iCount-- > 0 && gDContext.iMessageLength < DTRACE_MESSAGE_MAX)
@@ -118,10 +126,8 @@ void _DDoTrace(const char *pszFormat, ...)
 {
     va_list aArgs;
     va_start(aArgs, pszFormat);
-    AddToMessageV(pszFormat, aArgs);
+    FinishRecordV(pszFormat, aArgs);
     va_end(aArgs);
-    _DOutput();
-    pthread_mutex_unlock(&gDContext.aLock);
 }
 
 void _DOutput(void)
@@ -191,10 +197,8 @@ void _DTracePlain(DTRACE_REGION *pRegion, uint8_t nLevel, const char *pszFile, i
         return;
     va_list aArgs;
     va_start(aArgs, pszFormat);
-    AddToMessageV(pszFormat, aArgs);
+    FinishRecordV(pszFormat, aArgs);
     va_end(aArgs);
-    _DOutput();
-    pthread_mutex_unlock(&gDContext.aLock);
 }
 
 void _DTraceEnter(DTRACE_CALL *pCall, DTRACE_REGION *pRegion, uint8_t nLevel, const char *pszFile, int iLine,
@@ -210,10 +214,8 @@ void _DTraceEnter(DTRACE_CALL *pCall, DTRACE_REGION *pRegion, uint8_t nLevel, co
     if (pCall->bTimed) {
         va_list aArgs;
         va_start(aArgs, pszFormat);
-        AddToMessageV(pszFormat, aArgs);
+        FinishRecordV(pszFormat, aArgs);
         va_end(aArgs);
-        _DOutput();
-        pthread_mutex_unlock(&gDContext.aLock);
         pCall->dwStart = FPPltGetTime();
     }
     _DTraceIncIndentLevel();
@@ -233,10 +235,8 @@ void _DTraceExit(DTRACE_CALL *pCall, int iLine, const char *pszFormat, ...)
         AddToMessage("(%d.%03d) ", static_cast<int>(dwDuration / 1000), static_cast<int>(dwDuration % 1000));
         va_list aArgs;
         va_start(aArgs, pszFormat);
-        AddToMessageV(pszFormat, aArgs);
+        FinishRecordV(pszFormat, aArgs);
         va_end(aArgs);
-        _DOutput();
-        pthread_mutex_unlock(&gDContext.aLock);
     }
 }
 

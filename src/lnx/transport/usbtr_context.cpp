@@ -14,6 +14,7 @@
 #include "../../trace/dtraces.h"
 #include "../platform/fpplat.h"
 #include "usbtr.h"
+#include "usbtr_holders.h"
 
 uint32_t gdwTimeStampBase;
 char gszUSBFSRoot[4096];
@@ -28,19 +29,6 @@ uint64_t gnHandleCount;
 pthread_mutex_t gUsbGlobalLock = PTHREAD_MUTEX_INITIALIZER;
 /* The first candidate is the USB_DEVFS_PATH value, refreshed at each search. */
 const char *pszPathsToCheck[3] = {nullptr, DEFAULT_USBFS_ROOT, "/proc/bus/usb"};
-
-/* Closes the directory on every way out of the scope. */
-struct DirHolder {
-    DIR *pDir;
-    explicit DirHolder(const char *pszPath) : pDir(opendir(pszPath)) {}
-    ~DirHolder()
-    {
-        if (pDir != nullptr)
-            closedir(pDir);
-    }
-    DirHolder(const DirHolder &) = delete;
-    DirHolder &operator=(const DirHolder &) = delete;
-};
 
 bool IsBusDirectoryName(const char *pszName)
 {

@@ -13,6 +13,7 @@
 
 #include "../../trace/dtraces.h"
 #include "usbtr.h"
+#include "usbtr_holders.h"
 
 namespace {
 
@@ -21,31 +22,6 @@ constexpr int32_t DEVICE_NUMBER_READ_SIZE = 16;
 constexpr int32_t STRING_FIELD_SIZE = 128;
 constexpr int32_t TABLE_GROWTH = 8;
 constexpr size_t DEVICE_NAME_SIZE = 256;
-
-/* Closes the descriptor on every way out of the scope. */
-struct FdHolder {
-    int fd;
-    explicit FdHolder(int fdOpen) : fd(fdOpen) {}
-    ~FdHolder()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
-    FdHolder(const FdHolder &) = delete;
-    FdHolder &operator=(const FdHolder &) = delete;
-};
-
-struct DirHolder {
-    DIR *pDir;
-    explicit DirHolder(const char *pszPath) : pDir(opendir(pszPath)) {}
-    ~DirHolder()
-    {
-        if (pDir != nullptr)
-            closedir(pDir);
-    }
-    DirHolder(const DirHolder &) = delete;
-    DirHolder &operator=(const DirHolder &) = delete;
-};
 
 int32_t StatusFromSysfsErrno(int iErrno)
 {

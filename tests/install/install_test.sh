@@ -11,6 +11,10 @@ zsim=""
 work="$build/install-test"
 prefix="$work/prefix"
 failures=0
+# A sanitized library needs its run-time loaded first: build the example the
+# same way.
+sanflags=""
+[ -n "$sanitize" ] && sanflags="-fsanitize=$sanitize"
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 pass() { echo "ok: $*"; }
 # The file the dynamic loader picks for libztuvc.so.3 (without LD_LIBRARY_PATH).
@@ -85,7 +89,7 @@ export PKG_CONFIG_PATH="$libdir/pkgconfig"
 flags="$(pkg-config --cflags --libs ztuvc)" || fail "pkg-config --cflags --libs ztuvc"
 [ "$(pkg-config --modversion ztuvc)" = "3.0.0" ] && pass "pkg-config version" || fail "pkg-config version"
 # shellcheck disable=SC2086
-if "$cc" -std=c99 -Wall -Wextra -Werror "$src/examples/capture_one.c" $flags -o "$work/example-pc"; then
+if "$cc" -std=c99 -Wall -Wextra -Werror $sanflags "$src/examples/capture_one.c" $flags -o "$work/example-pc"; then
   pass "example builds with pkg-config ($flags)"
 else
   fail "example does not build with pkg-config"
@@ -93,7 +97,8 @@ fi
 
 # --- the example through find_package(ztuvc)
 if cmake -S "$src/examples" -B "$work/example-cmake" -G Ninja -DCMAKE_C_COMPILER="$cc" \
-     -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_FLAGS="-Wall -Wextra -Werror" >"$work/example-cmake.log" 2>&1 &&
+     -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_FLAGS="-Wall -Wextra -Werror $sanflags" \
+     -DCMAKE_EXE_LINKER_FLAGS="$sanflags" >"$work/example-cmake.log" 2>&1 &&
    cmake --build "$work/example-cmake" >>"$work/example-cmake.log" 2>&1; then
   pass "example builds with find_package(ztuvc)"
 else

@@ -138,26 +138,16 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "ztuvc-sim: %u simulated %s%s (%u x %u, %.1f frames/s)\n", readers, mi.name,
                          readers == 1 ? "" : "s", mi.width, mi.height, 1e7 / mi.frameInterval);
 
-        // The terminal's Ctrl-C reaches the child directly; pass on the rest.
+        // Signals go to the command, which decides; this process stays to
+        // serve the readers until the command has exited.
         struct sigaction sa {};
         sa.sa_handler = forward;
         sigemptyset(&sa.sa_mask);
         sa.sa_flags = SA_RESTART;
-        sigaction(SIGTERM, &sa, nullptr);
-        sigaction(SIGHUP, &sa, nullptr);
-        signal(SIGINT, SIG_IGN);
+        for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaction(sig, &sa, nullptr);
 
-        // The child gets the default SIGINT back.
-        posix_spawnattr_t attr;
-        posix_spawnattr_init(&attr);
-        sigset_t defaults;
-        sigemptyset(&defaults);
-        sigaddset(&defaults, SIGINT);
-        posix_spawnattr_setsigdefault(&attr, &defaults);
-        posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGDEF);
         pid_t child = -1;
-        int err = posix_spawnp(&child, argv[cmd], nullptr, &attr, argv + cmd, environ);
-        posix_spawnattr_destroy(&attr);
+        int err = posix_spawnp(&child, argv[cmd], nullptr, nullptr, argv + cmd, environ);
         if (err != 0) {
             std::fprintf(stderr, "ztuvc-sim: cannot run '%s': %s\n", argv[cmd], std::strerror(err));
             return kExitSpawn;

@@ -109,6 +109,23 @@ TEST_F(SimRunner, ForwardsTheCommandsExitStatus) {
     EXPECT_EQ(ls.out, "3a5c\n");
 }
 
+TEST_F(SimRunner, PassesSignalsToTheCommand) {
+    const std::string ready = path("ready");
+    tooltest::Child child({ZTUVC_SIM, "-q", "--", "/bin/sh", "-c",
+                           "trap 'exit 9' TERM; touch " + ready + "; while :; do sleep 0.05; done"},
+                          dir_);
+    ASSERT_TRUE(child.running());
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!tooltest::fileExists(ready) && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_TRUE(tooltest::fileExists(ready));
+    child.signal(SIGTERM);
+    Result r = child.wait(std::chrono::seconds(60));
+    EXPECT_FALSE(r.timedOut);
+    // The command's own handler ran and its exit status came back.
+    EXPECT_EQ(r.exitCode, 9) << describe(r);
+}
+
 TEST_F(SimRunner, BadArgumentsAreExitTwo) {
     struct Case {
         std::vector<std::string> args;

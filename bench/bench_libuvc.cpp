@@ -1,0 +1,102 @@
+// The peer: the same simulated 1280 x 1024 reader streamed through libuvc
+// (over libusb), for the instruction comparison in bench/run.  Runs under
+// umockdev-wrapper (and, for the count, under callgrind).
+//   bench_libuvc N    stream until N frames arrived (or 60 s passed)
+#include <sys/prctl.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <thread>
+
+#include <libuvc/libuvc.h>
+
+#include "simreader.h"
+
+namespace {
+
+std::atomic<unsigned> gFrames{0};
+std::atomic<unsigned> gWrongSize{0};
+
+void OnFrame(uvc_frame_t* frame, void*)
+{
+    if (frame->data_bytes != 1310720)
+        gWrongSize++;
+    gFrames++;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    prctl(PR_SET_TIMERSLACK, 1);
+    if (!sim::underUmockdevPreload()) {
+        fprintf(stderr, "run under umockdev-wrapper\n");
+        return 2;
+    }
+    unsigned nWanted = argc > 1 ? unsigned(strtoul(argv[1], nullptr, 10)) : 20;
+    sim::Testbed tb;
+    sim::Reader& r = tb.addReader(sim::Model::T40);
+
+    uvc_context_t* ctx = nullptr;
+    uvc_error_t res = uvc_init(&ctx, nullptr);
+    if (res < 0) {
+        uvc_perror(res, "uvc_init");
+        return 1;
+    }
+    // Picked by bus and address: uvc_find_device opens every device to read
+    // its strings, root hubs included, which the simulator does not serve.
+    uvc_device_t* dev = nullptr;
+    uvc_device_t** list = nullptr;
+    res = uvc_get_device_list(ctx, &list);
+    if (res < 0) {
+        uvc_perror(res, "uvc_get_device_list");
+        return 1;
+    }
+    for (uvc_device_t** d = list; *d != nullptr; d++) {
+        if (uvc_get_bus_number(*d) == r.busnum() && uvc_get_device_address(*d) == r.devnum()) {
+            dev = *d;
+            uvc_ref_device(dev);
+        }
+    }
+    uvc_free_device_list(list, 1);
+    if (dev == nullptr) {
+        fprintf(stderr, "libuvc does not list the simulated reader\n");
+        return 1;
+    }
+    uvc_device_handle_t* devh = nullptr;
+    res = uvc_open(dev, &devh);
+    if (res < 0) {
+        uvc_perror(res, "uvc_open");
+        return 1;
+    }
+    uvc_stream_ctrl_t ctrl;
+    // The reader describes its 8-bit image as YUY2 of half the height.
+    res = uvc_get_stream_ctrl_format_size(devh, &ctrl, UVC_FRAME_FORMAT_YUYV, 1280, 512, 15);
+    if (res < 0) {
+        uvc_perror(res, "uvc_get_stream_ctrl_format_size");
+        uvc_print_diag(devh, stderr);
+        return 1;
+    }
+    res = uvc_start_streaming(devh, &ctrl, OnFrame, nullptr, 0);
+    if (res < 0) {
+        uvc_perror(res, "uvc_start_streaming");
+        return 1;
+    }
+    r.startPaced(sim::Pace{sim::Pace::AsFastAsPossible, 0});
+    auto t0 = std::chrono::steady_clock::now();
+    while (gFrames.load() < nWanted && std::chrono::steady_clock::now() - t0 < std::chrono::seconds(60))
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    double dSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    uvc_stop_streaming(devh);
+    r.stopPaced();
+    unsigned n = gFrames.load();
+    fprintf(stderr, "libuvc: %u frames in %.1f s, %u of a wrong size; the reader sent %llu\n", n, dSeconds,
+            gWrongSize.load(), (unsigned long long)r.framesSent());
+    printf("figure libuvc_frames %u\nfigure libuvc_wrong_size %u\n", n, gWrongSize.load());
+    uvc_close(devh);
+    uvc_unref_device(dev);
+    uvc_exit(ctx);
+    return n >= nWanted ? 0 : 1;
+}

@@ -6,10 +6,13 @@
 #include "simreader.h"
 #include "ztuvc.h"
 
+#include <dirent.h>
 #include <linux/usbdevice_fs.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <chrono>
+#include <map>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -44,6 +47,46 @@ inline CAMERA_HANDLE handleOf(const sim::Reader& r)
             return h;
     }
     return nullptr;
+}
+
+// Device directories in the order discovery reads them (readdir order),
+// which is the order of the transport's list.
+inline std::vector<std::string> discoveryOrder()
+{
+    std::vector<std::string> v;
+    DIR* d = opendir("/sys/bus/usb/devices");
+    if (d == nullptr)
+        return v;
+    while (dirent* e = readdir(d)) {
+        std::string n = e->d_name;
+        if (!n.empty() && isdigit(static_cast<unsigned char>(n[0])) && n.find(':') == std::string::npos)
+            v.push_back(n);
+    }
+    closedir(d);
+    return v;
+}
+
+// The readers' camera names in discovery order.
+inline std::vector<std::string> expectedOrder(const std::vector<sim::Reader*>& readers)
+{
+    std::map<std::string, std::string> bySysfs;
+    for (auto* r : readers)
+        bySysfs[r->sysfsName()] = r->cameraName();
+    std::vector<std::string> v;
+    for (auto& s : discoveryOrder())
+        if (bySysfs.count(s))
+            v.push_back(bySysfs[s]);
+    return v;
+}
+
+inline std::vector<std::string> registryNames()
+{
+    std::vector<std::string> v;
+    for (CAMERA_HANDLE h : registry()) {
+        const char* n = camera_get_filename(h);
+        v.push_back(n ? n : "<null>");
+    }
+    return v;
 }
 
 inline std::string ptr(const void* p)

@@ -1,6 +1,6 @@
 // The registry's capacity: 1024 records.  A thousand simulated devices take
-// long to add and longer to remove (about two minutes in all on a loaded
-// machine), so this case has its own executable and time limit.
+// a while to add and remove (from seconds to minutes, with the machine's
+// load and the sanitizer), so this case has its own executable and limit.
 #include "camera_test.h"
 
 using namespace camtest;

@@ -459,7 +459,7 @@ TEST_F(ToolTest, FlashReadsToFileAndHexDump) {
     EXPECT_EQ(d.out, expected);
 }
 
-TEST_F(ToolTest, FailedTransfersAndVanishedReadersHaveTheirOwnCodes) {
+TEST_F(ToolTest, FailedTransfersAreExitOne) {
     sim::Reader& r = addReader(Model::T10);
     r.failControl(sim::ControlMatch::xuGet(), EPIPE, sim::When::always());
     Result s = tool({"sensor", "read", "0x10"});
@@ -471,6 +471,16 @@ TEST_F(ToolTest, FailedTransfersAndVanishedReadersHaveTheirOwnCodes) {
     EXPECT_FALSE(tooltest::fileExists(path("fail.bin"))) << "nothing is written after a failed read";
     r.clearFaults();
     EXPECT_EQ(tool({"sensor", "read", "0x10"}).exitCode, 0);
+
+    // Unplugged in the middle of the exchange: a failed transfer too, and
+    // the tool still shuts the library down cleanly.
+    r.unplugOnControl(sim::ControlMatch::xuGet());
+    Result u = tool({"sensor", "read", "0x10"});
+    EXPECT_EQ(u.exitCode, 1) << describe(u);
+    EXPECT_NE(u.err.find("reading the sensor register failed (the reader did not answer; unplugged?)"),
+              std::string::npos)
+        << u.err;
+    EXPECT_EQ(tool({"sensor", "read", "0x10"}).exitCode, 3) << "the reader is gone";
 }
 
 // ------------------------------------------------------ arguments

@@ -89,6 +89,16 @@ inline std::vector<std::string> registryNames()
     return v;
 }
 
+// Descriptors of this process open on a usbfs node (umockdev's own sockets
+// come and go asynchronously, so the plain count is not a measure).
+inline size_t nodeFds()
+{
+    size_t n = 0;
+    for (auto& s : sim::openFds())
+        n += s.find("bus/usb/") != std::string::npos;
+    return n;
+}
+
 inline std::string ptr(const void* p)
 {
     char b[64];

@@ -40,10 +40,13 @@ const char kHelp[] =
     "  -q, --quiet   no banner on stderr\n"
     "Example: ztuvc-sim --model 30 -- ztuvc capture -n 5\n";
 
-volatile pid_t gChild = -1;
-
-void forward(int sig) {
-    if (gChild > 0) kill(gChild, sig);
+// Signals meant for the command: blocked in every thread of this process
+// (set before the simulator starts its threads) and taken synchronously.
+sigset_t forwardedSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaddset(&set, sig);
+    return set;
 }
 
 int usage(const char* fmt, const char* arg) {
@@ -126,6 +129,9 @@ int main(int argc, char** argv) {
 
     int status = 0;
     pid_t pid = -1;
+    const sigset_t forwarded = forwardedSignals();
+    sigset_t previous;
+    pthread_sigmask(SIG_BLOCK, &forwarded, &previous);
     {
         sim::Testbed testbed;
         const sim::ModelInfo& mi = sim::modelInfo(model);
@@ -138,24 +144,27 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "ztuvc-sim: %u simulated %s%s (%u x %u, %.1f frames/s)\n", readers, mi.name,
                          readers == 1 ? "" : "s", mi.width, mi.height, 1e7 / mi.frameInterval);
 
-        // Signals go to the command, which decides; this process stays to
-        // serve the readers until the command has exited.
-        struct sigaction sa {};
-        sa.sa_handler = forward;
-        sigemptyset(&sa.sa_mask);
-        sa.sa_flags = SA_RESTART;
-        for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaction(sig, &sa, nullptr);
-
+        // The command starts with the signal mask this process had.
+        posix_spawnattr_t attr;
+        posix_spawnattr_init(&attr);
+        posix_spawnattr_setsigmask(&attr, &previous);
+        posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK);
         pid_t child = -1;
-        int err = posix_spawnp(&child, argv[cmd], nullptr, nullptr, argv + cmd, environ);
+        int err = posix_spawnp(&child, argv[cmd], nullptr, &attr, argv + cmd, environ);
+        posix_spawnattr_destroy(&attr);
         if (err != 0) {
             std::fprintf(stderr, "ztuvc-sim: cannot run '%s': %s\n", argv[cmd], std::strerror(err));
             return kExitSpawn;
         }
-        gChild = child;
-        while ((pid = waitpid(child, &status, 0)) < 0 && errno == EINTR) {
+        // Signals go to the command, which decides; this process stays to
+        // serve the readers until the command has exited.
+        for (;;) {
+            pid = waitpid(child, &status, WNOHANG);
+            if (pid != 0 && !(pid < 0 && errno == EINTR)) break;
+            const struct timespec tick = {0, 20 * 1000 * 1000};
+            int sig = sigtimedwait(&forwarded, nullptr, &tick);
+            if (sig > 0) kill(child, sig);
         }
-        gChild = -1;
         for (sim::Reader* r : testbed.devices()) r->stopPaced();
     }
     if (pid < 0) return kExitSpawn;

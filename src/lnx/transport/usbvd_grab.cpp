@@ -139,6 +139,7 @@ static void USBVDFrameBoundary(USBTR_CONTEXT *pContext, USBVD_ASSEMBLY *pAsm, in
                 if (pAsm->nImageIndex < USBVD_MAX_FRAMES)
                     pContext->aFrameStartTimes[pAsm->nImageIndex] = pAsm->dwFrameStart;
                 LILOPut(pContext, USBVD_IMAGE_STATE_READY, pAsm->nImageIndex);
+                pthread_cond_broadcast(&pContext->aFrameReadyCond);
             }
         }
         pAsm->nImageIndex = (uint8_t)LILOGet(pContext, USBVD_IMAGE_STATE_FREE);
@@ -323,6 +324,7 @@ void *USBDVGrabThread(void *pArgument)
     pthread_mutex_lock(&pContext->aGrabLock);
     USBVDSetGrabState(pContext, USBVD_GRAB_STATE_STOPPED);
     pContext->dwGrabStatus = (uint32_t)iStatus;
+    pthread_cond_broadcast(&pContext->aFrameReadyCond);
     pthread_mutex_unlock(&pContext->aGrabLock);
 
     DTRACE_EXIT(call, "%s() --> %d", iStatus);

@@ -209,7 +209,8 @@ TEST_F(Capture, WaitHoldsTheLock)
     });
     while (!begun)
         std::this_thread::yield();
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    /* Well inside the 1500 ms wait, and long enough for the waiter to take the lock on a loaded machine. */
+    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
     EXPECT_EQ(camera_put_image(h, frame), 0);
     putEnded = Clock::now();
     waiter.join();

@@ -199,22 +199,24 @@ TEST_F(Capture, WaitHoldsTheLock)
     void* frame = nullptr;
     ASSERT_EQ(camera_get_image(h, 3000, &frame), 0);
 
-    Clock::time_point getEnded, putEnded;
+    // The waiter holds the interface lock for its whole 1500 ms wait, so a
+    // put issued meanwhile cannot finish before that wait is over.
     std::atomic<bool> begun{false};
+    Clock::time_point getBegan;
     std::thread waiter([&] {
         void* f2 = nullptr;
+        getBegan = Clock::now();
         begun = true;
         EXPECT_EQ(camera_get_image(h, 0, &f2), CAMERA_ERR_TIMEOUT);
-        getEnded = Clock::now();
     });
     while (!begun)
         std::this_thread::yield();
-    /* Well inside the 1500 ms wait, and long enough for the waiter to take the lock on a loaded machine. */
+    // Well inside the wait, and long enough for the waiter to take the lock on a loaded machine.
     std::this_thread::sleep_for(std::chrono::milliseconds(1000));
     EXPECT_EQ(camera_put_image(h, frame), 0);
-    putEnded = Clock::now();
+    Clock::time_point putEnded = Clock::now();
     waiter.join();
-    EXPECT_GE(putEnded, getEnded) << "put ran while get held the lock";
+    EXPECT_GE(putEnded - getBegan, std::chrono::milliseconds(1500)) << "put ran while get held the lock";
 }
 
 TEST_F(Format, SetFormatDescribesEachModel)

@@ -80,21 +80,22 @@ TEST_F(Concurrency, ImageWaitBlocksOtherCallsButNotForever)
     a.queueFrames(1);
     ASSERT_EQ(camera_start_capture(ha, 0), 0);
     std::atomic<bool> begun{false};
-    Clock::time_point waitEnded;
+    Clock::time_point waitBegan;
     std::thread waiter([&] {
         void* f = nullptr;
+        waitBegan = Clock::now();
         begun = true;
         EXPECT_EQ(camera_get_image(ha, 0, &f), CAMERA_ERR_TIMEOUT);
-        waitEnded = Clock::now();
     });
     while (!begun)
         std::this_thread::yield();
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    // Another camera's register read waits for the lock, then works.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+    // Another camera's register read waits for the lock (held for the whole
+    // 1500 ms image wait), then works.
     b.setReg(0x0001, 0x77);
     EXPECT_EQ(camera_xu_sensor_read(hb, 0x0001), 0x77);
     Clock::time_point readEnded = Clock::now();
     waiter.join();
-    EXPECT_GE(readEnded, waitEnded);
+    EXPECT_GE(readEnded - waitBegan, std::chrono::milliseconds(1500));
     EXPECT_EQ(camera_stop_capture(ha), 0);
 }

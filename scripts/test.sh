@@ -9,4 +9,4 @@ shift || true
 jobs="$(nproc)"
 cmake -S . -B "$build" -G Ninja "$@"
 cmake --build "$build" -j "$jobs"
-ctest --test-dir "$build" -j "$jobs" --output-on-failure --timeout 300
+ctest --test-dir "$build" -j "$jobs" --output-on-failure --timeout 300 ${ZTUVC_CTEST_ARGS:-}

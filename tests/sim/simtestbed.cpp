@@ -250,7 +250,7 @@ Reader& Testbed::addDevice(DeviceOptions o) {
         I.rootHubs.push_back(s->bus);
         std::vector<uint8_t> hub = {18, 1, 0, 2, 9, 0, 1, 64, 0x6b, 0x1d, 2, 0, 0x18, 6, 3, 2, 1, 1,
                                     9, 2, 25, 0, 1, 1, 0, 0xE0, 0,
-                                    9, 4, 0, 0, 1, 9, 0, 0,
+                                    9, 4, 0, 0, 1, 9, 0, 0, 0,
                                     7, 5, 0x81, 3, 4, 0, 12};
         addFromString(I.tb, fmt("P: %s/usb%u\nN: bus/usb/%03u/001\nE: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\n"
                                 "E: BUSNUM=%03u\nE: DEVNUM=001\nA: busnum=%u\\n\nA: devnum=1\\n\nA: speed=480\\n\n"

@@ -292,6 +292,49 @@ TEST_F(RawTest, IsoSubmitReapDiscard) {
     close(fd);
 }
 
+// usbfs keeps URBs and claims per open file: a second open of the same node
+// (libusb opens one for the strings while the first streams) must neither
+// reap nor discard the first file's URBs, and closing a file kills its own.
+TEST_F(RawTest, EachOpenFileHasItsOwnUrbsAndClaims) {
+    Reader& r = addReader(Model::T10);
+    int a = openNode(r), b = openNode(r);
+    static IsoUrb u[3];
+    for (auto& x : u) x.prepare();
+    setAlt(a, 1, 1);
+    ASSERT_EQ(ioctl(a, USBDEVFS_SUBMITURB, &u[0].urb), 0) << strerror(errno);
+    ASSERT_EQ(ioctl(b, USBDEVFS_SUBMITURB, &u[1].urb), 0) << strerror(errno);
+    r.queueEmptyUrbs(2);
+    ASSERT_EQ(r.urbsCompleted(), 2u);
+    EXPECT_EQ(reap(b), &u[1].urb);
+    EXPECT_EQ(reap(b), nullptr);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(reap(a), &u[0].urb);
+
+    ASSERT_EQ(ioctl(a, USBDEVFS_SUBMITURB, &u[2].urb), 0);
+    EXPECT_EQ(ioctl(b, USBDEVFS_DISCARDURB, &u[2].urb), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(ioctl(a, USBDEVFS_DISCARDURB, &u[2].urb), 0);
+    EXPECT_EQ(reap(a), &u[2].urb);
+
+    unsigned one = 1;
+    ASSERT_EQ(ioctl(b, USBDEVFS_CLAIMINTERFACE, &one), 0);
+    unsigned zero = 0;
+    ASSERT_EQ(ioctl(b, USBDEVFS_CLAIMINTERFACE, &zero), 0);
+    EXPECT_EQ(ioctl(a, USBDEVFS_RELEASEINTERFACE, &zero), -1);
+    EXPECT_EQ(errno, EINVAL);
+    ASSERT_EQ(ioctl(b, USBDEVFS_SUBMITURB, &u[1].urb), 0);
+    ASSERT_EQ(r.isoUrbsInFlight(), 1u);
+    close(b);
+    // umockdev reports the close a little later.
+    for (int i = 0; i < 500 && r.interfaceClaimed(0); ++i) usleep(10000);
+    EXPECT_FALSE(r.interfaceClaimed(0));
+    EXPECT_FALSE(r.interfaceClaimed(1));  // b had taken it over
+    EXPECT_EQ(r.isoUrbsInFlight(), 0u);
+    EXPECT_EQ(reap(a), nullptr);
+    EXPECT_EQ(errno, EAGAIN);
+    close(a);
+}
+
 TEST_F(RawTest, UnplugGivesEnodevAndKillsUrbs) {
     Reader& r = addReader(Model::T10);
     int fd = openNode(r);

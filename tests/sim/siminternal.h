@@ -33,6 +33,7 @@ struct Urb {
     UMockdevIoctlData* data = nullptr;  // usbdevfs_urb (+ iso packet descriptors)
     UMockdevIoctlData* buf = nullptr;   // its buffer, or null
     uint64_t addr = 0;                  // client address
+    const void* owner = nullptr;        // the open file (umockdev client) that submitted it
     uint8_t type = 0, endpoint = 0;
     int bufferLength = 0;
     int packets = 0;
@@ -84,7 +85,10 @@ struct ReaderState {
     std::vector<uint8_t> regs = std::vector<uint8_t>(65536);
     int config = 0;
     int alt[2] = {0, 0};
-    bool claimed[2] = {false, false};
+    // The open file holding each interface. A claim by another file takes
+    // it over instead of failing with EBUSY: umockdev tells us of a close
+    // only later, so a reopen right after a close would be refused.
+    const void* claimedBy[2] = {nullptr, nullptr};
     unsigned resets = 0;
     std::array<uint8_t, 26> probe{};
     std::optional<std::array<uint8_t, 26>> commit;
@@ -123,6 +127,7 @@ struct ReaderState {
     bool completeOneLocked(Urb* u);
     void fillPacket(uint8_t* dst, const QItem& it) const;
     void unplugLocked();  // marks gone and kills URBs (sysfs removal is done by the caller)
+    void fileClosedLocked(const void* client);  // what usbfs does when an open file is released
     size_t isoInflightLocked() const;
     uint32_t queueFramesLocked(unsigned n, const FrameOptions& opt);
     uint8_t imageByte(uint32_t frame, uint32_t offset) const;

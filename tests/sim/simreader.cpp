@@ -237,6 +237,23 @@ void ReaderState::unplugLocked() {
     cv.notify_all();
 }
 
+void ReaderState::fileClosedLocked(const void* client) {
+    // Its interfaces are released and its URBs killed and freed: nobody can reap them any more.
+    for (auto& owner : claimedBy)
+        if (owner == client) owner = nullptr;
+    for (auto* q : {&inflight, &completed}) {
+        for (auto it = q->begin(); it != q->end();) {
+            if ((*it)->owner == client) {
+                freeUrb(*it);
+                it = q->erase(it);
+            } else {
+                ++it;
+            }
+        }
+    }
+    cv.notify_all();
+}
+
 // ------------------------------------------------------------ the handler
 
 namespace {
@@ -508,6 +525,7 @@ void handleSubmit(Ctx& c, bool* unplug) {
 
     auto* u = new Urb;
     u->addr = c.rec.urbAddress;
+    u->owner = c.client;
     u->type = k.type;
     u->endpoint = k.endpoint;
     u->bufferLength = k.buffer_length;
@@ -591,19 +609,25 @@ void handleSubmit(Ctx& c, bool* unplug) {
     s.pumpLocked();
 }
 
+// The oldest completed URB of the file that asks: usbfs keeps one list per open file.
+std::deque<Urb*>::iterator firstCompletedOf(ReaderState& s, const void* client) {
+    return std::find_if(s.completed.begin(), s.completed.end(), [&](Urb* u) { return u->owner == client; });
+}
+
 void handleReap(Ctx& c, bool* unplugAfter) {
     ReaderState& s = c.s;
-    if (s.completed.empty()) {
+    auto it = firstCompletedOf(s, c.client);
+    if (it == s.completed.end()) {
         finish(c, -1, s.plugged ? EAGAIN : ENODEV);
         return;
     }
-    Urb* u = s.completed.front();
+    Urb* u = *it;
     UMockdevIoctlData* p = umockdev_ioctl_data_resolve(c.arg, 0, sizeof(void*), nullptr);
     if (!p) {
         finish(c, -1, EFAULT);
         return;
     }
-    s.completed.pop_front();
+    s.completed.erase(it);
     usbdevfs_urb* k = urbOf(u);
     c.rec.urbAddress = u->addr;
     c.rec.urbType = u->type;
@@ -629,7 +653,8 @@ void handleDiscard(Ctx& c) {
     ReaderState& s = c.s;
     const uint64_t addr = *reinterpret_cast<const uint64_t*>(c.arg->data);
     c.rec.urbAddress = addr;
-    auto it = std::find_if(s.inflight.begin(), s.inflight.end(), [&](Urb* u) { return u->addr == addr; });
+    auto it = std::find_if(s.inflight.begin(), s.inflight.end(),
+                           [&](Urb* u) { return u->addr == addr && u->owner == c.client; });
     if (it == s.inflight.end()) {
         finish(c, -1, EINVAL);
         return;
@@ -676,7 +701,7 @@ void handleOne(Ctx& c, bool* unplug, bool* unplugAfter) {
     case USBDEVFS_REAPURBNDELAY: handleReap(c, unplugAfter); return;
     case USBDEVFS_REAPURB:
         // The blocking reap would stall umockdev's only worker thread.
-        if (!s.completed.empty() || !s.plugged) handleReap(c, unplugAfter);
+        if (firstCompletedOf(s, c.client) != s.completed.end() || !s.plugged) handleReap(c, unplugAfter);
         else finish(c, -1, EAGAIN);
         return;
     case USBDEVFS_DISCARDURB: handleDiscard(c); return;
@@ -706,7 +731,7 @@ void handleOne(Ctx& c, bool* unplug, bool* unplugAfter) {
         }
         if (si.interface < 2) {
             s.alt[si.interface] = int(si.altsetting);
-            s.claimed[si.interface] = true;  // usbfs claims implicitly
+            s.claimedBy[si.interface] = c.client;  // usbfs claims implicitly
         }
         finish(c, 0, 0);
         s.pumpLocked();
@@ -717,7 +742,7 @@ void handleOne(Ctx& c, bool* unplug, bool* unplugAfter) {
         if (!ok) return finish(c, -1, EFAULT);
         c.rec.interface = v;
         if (v != 1 && v != 0) return finish(c, -1, EINVAL);
-        if (v != unsigned(s.config) && (s.claimed[0] || s.claimed[1])) return finish(c, -1, EBUSY);
+        if (v != unsigned(s.config) && (s.claimedBy[0] || s.claimedBy[1])) return finish(c, -1, EBUSY);
         s.config = int(v);
         s.alt[0] = s.alt[1] = 0;
         return finish(c, 0, 0);
@@ -728,8 +753,8 @@ void handleOne(Ctx& c, bool* unplug, bool* unplugAfter) {
         if (!ok) return finish(c, -1, EFAULT);
         c.rec.interface = v;
         if (!hasInterface(s, v)) return finish(c, -1, c.req == USBDEVFS_CLAIMINTERFACE ? ENOENT : EINVAL);
-        if (c.req == USBDEVFS_RELEASEINTERFACE && !s.claimed[v]) return finish(c, -1, EINVAL);
-        s.claimed[v] = c.req == USBDEVFS_CLAIMINTERFACE;
+        if (c.req == USBDEVFS_RELEASEINTERFACE && s.claimedBy[v] != c.client) return finish(c, -1, EINVAL);
+        s.claimedBy[v] = c.req == USBDEVFS_CLAIMINTERFACE ? c.client : nullptr;
         return finish(c, 0, 0);
     }
     case USBDEVFS_IOCTL: {
@@ -842,7 +867,7 @@ void Reader::setReg(uint16_t a, uint8_t v) { LOCK; s_->regs[a] = v; }
 
 int Reader::currentAltSetting(unsigned i) const { LOCK; return i < 2 ? s_->alt[i] : -1; }
 int Reader::configuration() const { LOCK; return s_->config; }
-bool Reader::interfaceClaimed(unsigned i) const { LOCK; return i < 2 && s_->claimed[i]; }
+bool Reader::interfaceClaimed(unsigned i) const { LOCK; return i < 2 && s_->claimedBy[i]; }
 unsigned Reader::resetCount() const { LOCK; return s_->resets; }
 std::optional<std::array<uint8_t, 26>> Reader::lastCommit() const { LOCK; return s_->commit; }
 std::vector<std::array<uint8_t, 26>> Reader::commits() const { LOCK; return s_->commits; }

@@ -98,10 +98,20 @@ Clients& clients() {
     return *c;
 }
 
+// The file was closed: umockdev drops the client some time after close() returned.
 void clientGone(gpointer, GObject* where) {
-    Clients& c = clients();
-    std::lock_guard<std::mutex> g(c.m);
-    c.v.erase(std::remove_if(c.v.begin(), c.v.end(), [&](auto& p) { return p.first == where; }), c.v.end());
+    std::shared_ptr<ReaderState> s;
+    {
+        Clients& c = clients();
+        std::lock_guard<std::mutex> g(c.m);
+        auto it = std::find_if(c.v.begin(), c.v.end(), [&](auto& p) { return p.first == where; });
+        if (it == c.v.end()) return;
+        s = it->second.lock();
+        c.v.erase(it);
+    }
+    if (!s) return;
+    std::lock_guard<std::mutex> g(s->m);
+    s->fileClosedLocked(where);
 }
 
 }  // namespace

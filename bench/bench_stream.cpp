@@ -3,6 +3,9 @@
 //   bench_stream latency N    hand-out latency over N frames (1280 x 1024)
 //   bench_stream linerate N   frames lost at the USB 2.0 high-bandwidth rate
 //   bench_stream enumerate    camera_device_enumerate with 1, 10, 100 devices
+//   bench_stream peer N       N frames as fast as the reader sends them, the
+//                             same stream bench_libuvc takes through libuvc
+//                             (for the instruction count under callgrind)
 // Figures go to stdout as "figure <name> <value>" lines, and a readable
 // summary to stderr.
 #include <sys/prctl.h>
@@ -228,6 +231,43 @@ int LineRate(unsigned nFrames)
     return 0;
 }
 
+// The stream bench_libuvc takes, through this library: the reader sends
+// 1280 x 1024 frames as fast as requests come back; the application takes
+// each frame and returns it at once.
+int Peer(unsigned nFrames)
+{
+    sim::Testbed tb;
+    sim::Reader& r = tb.addReader(sim::Model::T40);
+    CAMERA_HANDLE h = OpenOnly();
+    // Capture starts once the first payload arrives, so the reader sends from the outset.
+    r.startPaced(sim::Pace{sim::Pace::AsFastAsPossible, 0});
+    if (int32_t iResult = camera_start_capture(h, 0); iResult != 0) {
+        fprintf(stderr, "camera_start_capture: %d\n", iResult);
+        return 1;
+    }
+    unsigned nGot = 0;
+    auto t0 = Clock::now();
+    while (nGot < nFrames) {
+        void* pFrame = nullptr;
+        int32_t iResult = camera_get_image(h, 5000, &pFrame);
+        if (iResult != 0) {
+            fprintf(stderr, "camera_get_image: %d after %u frames\n", iResult, nGot);
+            break;
+        }
+        camera_put_image(h, pFrame);
+        nGot++;
+    }
+    double dSeconds = std::chrono::duration<double>(Clock::now() - t0).count();
+    camera_stop_capture(h);
+    r.stopPaced();
+    camera_close(h);
+    camera_cleanup();
+    fprintf(stderr, "libztuvc: %u frames in %.1f s; the reader sent %llu\n", nGot, dSeconds,
+            (unsigned long long)r.framesSent());
+    printf("figure peer_frames %u\n", nGot);
+    return nGot == nFrames ? 0 : 1;
+}
+
 // Enumeration: time of camera_device_enumerate with n USB devices in sysfs
 // (one reader, the rest other devices), median of repeated runs.
 int Enumerate()
@@ -280,6 +320,8 @@ int main(int argc, char** argv)
         return LineRate(n ? n : 1000);
     if (mode == "enumerate")
         return Enumerate();
-    fprintf(stderr, "usage: bench_stream latency|linerate [frames] | enumerate\n");
+    if (mode == "peer")
+        return Peer(n ? n : 20);
+    fprintf(stderr, "usage: bench_stream latency|linerate|peer [frames] | enumerate\n");
     return 2;
 }

@@ -54,24 +54,10 @@ int main(int argc, char** argv)
         uvc_perror(res, "uvc_init");
         return 1;
     }
-    // Picked by bus and address: uvc_find_device opens every device to read
-    // its strings, root hubs included, which the simulator does not serve.
     uvc_device_t* dev = nullptr;
-    uvc_device_t** list = nullptr;
-    res = uvc_get_device_list(ctx, &list);
+    res = uvc_find_device(ctx, &dev, r.vendorId(), r.productId(), nullptr);
     if (res < 0) {
-        uvc_perror(res, "uvc_get_device_list");
-        return 1;
-    }
-    for (uvc_device_t** d = list; *d != nullptr; d++) {
-        if (uvc_get_bus_number(*d) == r.busnum() && uvc_get_device_address(*d) == r.devnum()) {
-            dev = *d;
-            uvc_ref_device(dev);
-        }
-    }
-    uvc_free_device_list(list, 1);
-    if (dev == nullptr) {
-        fprintf(stderr, "libuvc does not list the simulated reader\n");
+        uvc_perror(res, "uvc_find_device");
         return 1;
     }
     uvc_device_handle_t* devh = nullptr;

@@ -21,6 +21,7 @@
 
 #include "common/usbtr/usbtrint.h"
 #include "lnx/transport/usbtr.h"
+#include "../tests/usbfs_standin.h"
 
 namespace {
 
@@ -103,16 +104,7 @@ int Handle(unsigned long request, void* arg)
 
 }  // namespace
 
-extern "C" int ioctl(int fd, unsigned long request, ...) noexcept
-{
-    va_list ap;
-    va_start(ap, request);
-    void* arg = va_arg(ap, void*);
-    va_end(ap);
-    if (fd != kFd)
-        return int(syscall(SYS_ioctl, fd, request, arg));
-    return Handle(request, arg);
-}
+ZTUVC_USBFS_STANDIN(kFd, Handle)
 
 // One copy of a 1280 x 1024 image: the yardstick.
 extern "C" __attribute__((noinline)) void BenchReferenceCopy(uint8_t* dst, const uint8_t* src, size_t n)

@@ -24,6 +24,7 @@
 
 #include "common/usbtr/usbtrint.h"
 #include "lnx/transport/usbtr.h"
+#include "../usbfs_standin.h"
 
 namespace {
 
@@ -439,17 +440,7 @@ USBTR_CONTEXT* Context()
 
 }  // namespace
 
-// Every ioctl of this process comes here; only the stand-in's descriptor is ours.
-extern "C" int ioctl(int fd, unsigned long request, ...) noexcept
-{
-    va_list ap;
-    va_start(ap, request);
-    void* arg = va_arg(ap, void*);
-    va_end(ap);
-    if (fd != kFd)
-        return int(syscall(SYS_ioctl, fd, request, arg));
-    return Handle(request, arg);
-}
+ZTUVC_USBFS_STANDIN(kFd, Handle)
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {

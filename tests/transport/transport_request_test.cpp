@@ -23,6 +23,7 @@
 
 #include "lnx/platform/fpplat.h"
 #include "lnx/transport/usbtr.h"
+#include "../usbfs_standin.h"
 
 namespace fake {
 
@@ -199,17 +200,7 @@ int handle(unsigned long request, void *arg)
 
 } // namespace fake
 
-// Every ioctl of this process comes here; only the fake descriptor is ours.
-extern "C" int ioctl(int fd, unsigned long request, ...) noexcept
-{
-    va_list ap;
-    va_start(ap, request);
-    void *arg = va_arg(ap, void *);
-    va_end(ap);
-    if (fd != fake::kFd)
-        return int(syscall(SYS_ioctl, fd, request, arg));
-    return fake::handle(request, arg);
-}
+ZTUVC_USBFS_STANDIN(fake::kFd, fake::handle)
 
 namespace {
 

@@ -609,14 +609,10 @@ void handleSubmit(Ctx& c, bool* unplug) {
     s.pumpLocked();
 }
 
-// The oldest completed URB of the file that asks: usbfs keeps one list per open file.
-std::deque<Urb*>::iterator firstCompletedOf(ReaderState& s, const void* client) {
-    return std::find_if(s.completed.begin(), s.completed.end(), [&](Urb* u) { return u->owner == client; });
-}
-
 void handleReap(Ctx& c, bool* unplugAfter) {
     ReaderState& s = c.s;
-    auto it = firstCompletedOf(s, c.client);
+    // The oldest completed URB of the file that asks: usbfs keeps one list per open file.
+    auto it = std::find_if(s.completed.begin(), s.completed.end(), [&](Urb* u) { return u->owner == c.client; });
     if (it == s.completed.end()) {
         finish(c, -1, s.plugged ? EAGAIN : ENODEV);
         return;
@@ -698,11 +694,10 @@ void handleOne(Ctx& c, bool* unplug, bool* unplugAfter) {
     switch (c.req) {
     case USBDEVFS_CONTROL: handleControl(c, unplug); return;
     case USBDEVFS_SUBMITURB: handleSubmit(c, unplug); return;
-    case USBDEVFS_REAPURBNDELAY: handleReap(c, unplugAfter); return;
+    case USBDEVFS_REAPURBNDELAY:
     case USBDEVFS_REAPURB:
-        // The blocking reap would stall umockdev's only worker thread.
-        if (firstCompletedOf(s, c.client) != s.completed.end() || !s.plugged) handleReap(c, unplugAfter);
-        else finish(c, -1, EAGAIN);
+        // Never blocks, as umockdev's only worker thread would stall: EAGAIN like REAPURBNDELAY.
+        handleReap(c, unplugAfter);
         return;
     case USBDEVFS_DISCARDURB: handleDiscard(c); return;
     case USBDEVFS_SETINTERFACE: {

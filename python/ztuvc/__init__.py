@@ -32,6 +32,9 @@ from __future__ import annotations
 import atexit
 import builtins
 import ctypes
+import errno
+import fcntl
+import os
 import sys
 import threading
 import warnings
@@ -63,6 +66,8 @@ __all__ = [
 __version__ = "3.0.0"
 
 _U32_MAX = 0xFFFFFFFF
+_USBDEVFS_CONNECTINFO = 0x40085511  # _IOW('U', 17, struct usbdevfs_connectinfo)
+_GONE_ERRNOS = (errno.ENOENT, errno.ENODEV, errno.ENXIO)
 _ADDRESS_SPACE = 0x10000  # register and flash addresses travel as 16 bits
 
 # ---------------------------------------------------------------- errors
@@ -311,7 +316,7 @@ class Camera:
             raise Failure(f"reader {self._name} is already open", rc)
         if rc != 0:
             raise NoDevice(f"cannot open reader {self._name} (gone, busy in another process, or no permission)", rc)
-        self._devnum = self._sysfs_devnum()
+        self._node = self._usbfs_node()
         fmt = _native.CameraFormat()
         rc = lib.camera_set_format(handle, ctypes.byref(fmt))
         if rc != 0 or fmt.dwWidth == 0:
@@ -324,24 +329,42 @@ class Camera:
         _open_cameras.add(self)
         return self
 
-    # -- presence: the library reports a vanished reader as a plain failure
-    def _sysfs_devnum(self) -> Optional[str]:
+    # -- presence: the library reports a vanished reader as a plain failure,
+    # so ask the reader's usbfs node, which answers ENODEV from the moment of
+    # the unplug (sysfs may still show the device for a while).
+    def _usbfs_node(self) -> Optional[str]:
         # Camera names are "vvvv_pppp_rrrr_BUS_SYSNAME".
         parts = self._name.split("_", 4)
-        if len(parts) != 5 or "/" in parts[4]:
+        if len(parts) != 5 or "/" in parts[4] or not parts[4]:
             return None
+        sysfs = f"/sys/bus/usb/devices/{parts[4]}"
         try:
-            with builtins.open(f"/sys/bus/usb/devices/{parts[4]}/devnum") as f:
-                return f.read().strip()
-        except OSError:
+            with builtins.open(f"{sysfs}/busnum") as f:
+                bus = int(f.read())
+            with builtins.open(f"{sysfs}/devnum") as f:
+                dev = int(f.read())
+        except (OSError, ValueError):
             return None
+        root = os.environ.get("USB_DEVFS_PATH") or "/dev/bus/usb"
+        return f"{root}/{bus:03d}/{dev:03d}"
 
     def _present(self) -> bool:
-        """Whether the reader opened is still attached (same sysfs device)."""
+        """Whether the reader opened is still attached; True when it cannot tell."""
         if self._gone:
             return False
-        now = self._sysfs_devnum()
-        return now is not None and now == self._devnum
+        if self._node is None:
+            return True
+        try:
+            fd = os.open(self._node, os.O_RDWR | os.O_CLOEXEC)
+        except OSError as exc:
+            return exc.errno not in _GONE_ERRNOS
+        try:
+            fcntl.ioctl(fd, _USBDEVFS_CONNECTINFO, bytearray(8))
+        except OSError as exc:
+            return exc.errno not in _GONE_ERRNOS
+        finally:
+            os.close(fd)
+        return True
 
     def _raise(self, code: int, what: str) -> None:
         if code == ERR_FAILURE and not self._present():
@@ -643,8 +666,8 @@ class Frame:
         if view is None:
             return
         self._view = None
-        # The frame's own reference, the local name and getrefcount's argument.
-        if sys.getrefcount(view) > 3:
+        # Besides the local name and getrefcount's argument, someone still holds it.
+        if sys.getrefcount(view) > 2:
             warnings.warn(
                 "a view of a released frame's image is still in use; it now shows another "
                 "frame (or freed memory after close): use frame.copy() to keep an image",

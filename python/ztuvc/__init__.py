@@ -307,7 +307,7 @@ class Camera:
         lib = _lib()
         self = cls.__new__(cls)
         self._handle = handle
-        self._closed = False
+        self._closed = True  # until camera_open succeeds
         self._gone = False
         self._stream: Optional[Stream] = None
         self._name = _text(lib.camera_get_filename(handle))
@@ -322,6 +322,7 @@ class Camera:
         if rc != 0 or fmt.dwWidth == 0:
             lib.camera_close(handle)
             raise _error(rc, f"reading the image format of {self._name}")
+        self._closed = False
         fourcc = bytes((fmt.dwFourCC >> s) & 0xFF for s in (0, 8, 16, 24)).decode("ascii", "replace")
         self._format = Format(fourcc, fmt.dwWidth, fmt.dwHeight, fmt.dwImageSize)
         self.sensor = Sensor(self)
@@ -512,6 +513,15 @@ class Camera:
     def __exit__(self, *exc: object) -> None:
         self.close()
 
+    def __del__(self) -> None:
+        # A camera nobody can reach any more would stay open (and unopenable)
+        # until exit.
+        if getattr(self, "_handle", None) is not None and not self.closed:
+            try:
+                self.close()
+            except Exception:
+                pass
+
     def __repr__(self) -> str:
         state = "gone" if self._gone else "closed" if self._closed else "open"
         return f"<ztuvc.Camera {self._name} {state}>"
@@ -532,7 +542,9 @@ class Stream:
         self._handle = camera._handle
         self.slots = slots
         self._running = True
-        self._outstanding: weakref.WeakSet[Frame] = weakref.WeakSet()
+        # Frames handed out and not yet released, by slot address: a frame
+        # dropped without release() keeps its slot until the stream stops.
+        self._outstanding: dict[int, Frame] = {}
         self._shape = camera._format.shape
         self._size = self._shape[0] * self._shape[1]
         self._buffer_type = ctypes.c_uint8 * (self._size + TRAILER_SIZE)
@@ -557,7 +569,7 @@ class Stream:
         if rc != 0 or not ptr.value:
             self._camera._raise(rc if rc != 0 else ERR_FAILURE, "waiting for a frame")
         frame = Frame(self, ptr.value)
-        self._outstanding.add(frame)
+        self._outstanding[frame.address] = frame
         return frame
 
     def __iter__(self) -> Iterator[Frame]:
@@ -577,15 +589,16 @@ class Stream:
 
     def _abandon(self) -> None:
         # Frame memory is about to be reused or freed: no frame may reach it.
-        for frame in list(self._outstanding):
+        for frame in list(self._outstanding.values()):
             frame._invalidate()
+        self._outstanding.clear()
         self._running = False
 
     def stop(self) -> None:
         """Releases the frames still held and stops capture."""
         if not self._running:
             return
-        for frame in list(self._outstanding):
+        for frame in list(self._outstanding.values()):
             frame.release()
         self._abandon()
         if self._camera._stream is self:
@@ -612,7 +625,7 @@ class Frame:
     releases on exit.
     """
 
-    __slots__ = ("_stream", "address", "start_ms", "returned_ms", "_view", "_released", "__weakref__")
+    __slots__ = ("_stream", "address", "start_ms", "returned_ms", "_view", "_released")
 
     def __init__(self, stream: Stream, address: int) -> None:
         self._stream = stream
@@ -651,7 +664,7 @@ class Frame:
             return
         self._released = True
         s = self._stream
-        s._outstanding.discard(self)
+        s._outstanding.pop(self.address, None)
         self._drop_view()
         rc = s._lib.camera_put_image(s._handle, self.address)
         if rc != 0:

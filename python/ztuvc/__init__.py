@@ -184,7 +184,9 @@ def _enumerate() -> List[int]:
         handles = [lib.camera_get_by_index(i) for i in range(lib.camera_device_count())]
         present = set(handles)
         for cam in list(_open_cameras):
-            if cam._handle not in present:
+            # A new record may reuse a freed one's address; ours is open
+            # (the interval query fails on a closed camera).
+            if cam._handle not in present or lib.camera_get_frame_interval(cam._handle, None) != 0:
                 cam._forget()
     return [h for h in handles if h]
 
@@ -298,6 +300,11 @@ class Camera:
 
     Made by ``ztuvc.open()``; a context manager that closes the reader on exit.
     """
+
+    sensor: Sensor
+    """Sensor registers: ``cam.sensor[address]`` (0..0xFFFF) reads or writes a byte."""
+    flash: Flash
+    """Flash memory: ``cam.flash.read(address, length) -> bytes``."""
 
     def __init__(self, *_args: object) -> None:
         raise TypeError("cameras are opened with ztuvc.open()")
@@ -531,7 +538,8 @@ class Stream:
     """A running capture; ``get()`` hands out frames, ``stop()`` (or ``with``) ends it.
 
     Iterating yields frames one after the other and releases each one when
-    the loop moves on (or ends); it waits up to ``timeout_ms`` per frame.
+    the loop moves on (or ends); it waits up to ``timeout_ms`` (an attribute,
+    1000 by default) per frame.
     """
 
     timeout_ms: int = 1000
@@ -545,6 +553,7 @@ class Stream:
         # Frames handed out and not yet released, by slot address: a frame
         # dropped without release() keeps its slot until the stream stops.
         self._outstanding: dict[int, Frame] = {}
+        self._release_lock = threading.Lock()
         self._shape = camera._format.shape
         self._size = self._shape[0] * self._shape[1]
         self._buffer_type = ctypes.c_uint8 * (self._size + TRAILER_SIZE)
@@ -570,6 +579,11 @@ class Stream:
             self._camera._raise(rc if rc != 0 else ERR_FAILURE, "waiting for a frame")
         frame = Frame(self, ptr.value)
         self._outstanding[frame.address] = frame
+        # A stop or close from another thread while this call waited: the
+        # slot is not ours any more (_abandon clears _running first).
+        if not self._running:
+            frame._invalidate()
+            raise Failure("the stream was stopped while waiting for a frame", ERR_FAILURE)
         return frame
 
     def __iter__(self) -> Iterator[Frame]:
@@ -589,10 +603,10 @@ class Stream:
 
     def _abandon(self) -> None:
         # Frame memory is about to be reused or freed: no frame may reach it.
+        self._running = False
         for frame in list(self._outstanding.values()):
             frame._invalidate()
         self._outstanding.clear()
-        self._running = False
 
     def stop(self) -> None:
         """Releases the frames still held and stops capture."""
@@ -660,11 +674,12 @@ class Frame:
 
     def release(self) -> None:
         """Gives the slot back to the library; a second call does nothing."""
-        if self._released:
-            return
-        self._released = True
         s = self._stream
-        s._outstanding.pop(self.address, None)
+        with s._release_lock:  # exactly one release reaches the library
+            if self._released:
+                return
+            self._released = True
+            s._outstanding.pop(self.address, None)
         self._drop_view()
         rc = s._lib.camera_put_image(s._handle, self.address)
         if rc != 0:

@@ -40,7 +40,7 @@ import threading
 import warnings
 import weakref
 from dataclasses import dataclass
-from typing import Iterator, List, Optional, Union
+from typing import Callable, Iterator, List, NoReturn, Optional, Union
 
 import numpy as np
 
@@ -374,7 +374,7 @@ class Camera:
             os.close(fd)
         return True
 
-    def _raise(self, code: int, what: str) -> None:
+    def _raise(self, code: int, what: str) -> NoReturn:
         if code == ERR_FAILURE and not self._present():
             raise NoDevice(f"{what} failed: reader {self._name} is gone", ERR_NO_DEVICE)
         raise _error(code, f"{what} on {self._name}")
@@ -400,7 +400,7 @@ class Camera:
         _open_cameras.discard(self)
 
     # -- identity
-    def _string(self, fn: ctypes._NamedFuncPointer, what: str) -> str:
+    def _string(self, fn: Callable[[int], Optional[bytes]], what: str) -> str:
         raw = fn(self._live())
         if raw is None:
             raise NoDevice(f"{what}: reader {self._name} is not in the registry", ERR_NO_DEVICE)

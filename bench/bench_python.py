@@ -36,13 +36,13 @@ class TimedLibrary:
 
     def camera_get_image(self, *args: object) -> int:
         t0 = clock()
-        rc = self._lib.camera_get_image(*args)
+        rc: int = self._lib.camera_get_image(*args)
         self.spent += clock() - t0
         return rc
 
     def camera_put_image(self, *args: object) -> int:
         t0 = clock()
-        rc = self._lib.camera_put_image(*args)
+        rc: int = self._lib.camera_put_image(*args)
         self.spent += clock() - t0
         return rc
 
@@ -69,7 +69,7 @@ def overhead(n: int) -> None:
     """
     with ztuvc.open(0) as cam, cam.stream(slots=SLOTS) as s:
         timed = TimedLibrary(_native.load())
-        s._lib = timed
+        s._lib = timed  # type: ignore[assignment]
         starts = []
         for _ in range(SLOTS + 1):
             with s.get(timeout_ms=2000) as frame:
@@ -105,7 +105,9 @@ def overhead(n: int) -> None:
             return t1 - t0 + t3 - t2 - timed.spent
 
         timer = statistics.median(clocks_only() for _ in range(2000))
-        behind, paced, inside = [], [], []
+        behind: list[int] = []
+        paced: list[int] = []
+        inside: list[int] = []
         while len(behind) < n:
             time.sleep(fill)
             for _ in range(SLOTS):

@@ -40,9 +40,10 @@ import threading
 import warnings
 import weakref
 from dataclasses import dataclass
-from typing import Callable, Iterator, List, NoReturn, Optional, Union
+from typing import Any, Callable, Iterator, List, NoReturn, Optional, Union
 
 import numpy as np
+import numpy.typing as npt
 
 from . import _native
 from ._native import ERR_FAILURE, ERR_NO_DEVICE, ERR_TIMEOUT, TRAILER_SIZE
@@ -306,6 +307,14 @@ class Camera:
     flash: Flash
     """Flash memory: ``cam.flash.read(address, length) -> bytes``."""
 
+    _handle: int
+    _name: str
+    _closed: bool
+    _gone: bool
+    _stream: Optional[Stream]
+    _node: Optional[str]
+    _format: Format
+
     def __init__(self, *_args: object) -> None:
         raise TypeError("cameras are opened with ztuvc.open()")
 
@@ -316,7 +325,7 @@ class Camera:
         self._handle = handle
         self._closed = True  # until camera_open succeeds
         self._gone = False
-        self._stream: Optional[Stream] = None
+        self._stream = None
         self._name = _text(lib.camera_get_filename(handle))
         rc = lib.camera_open(handle)
         if rc == ERR_FAILURE:
@@ -647,7 +656,7 @@ class Frame:
         ts = _native.TimeStamp.from_address(address + stream._size)
         self.start_ms: int = ts.dwFrameStart
         self.returned_ms: int = ts.dwFrameReturned
-        self._view: Optional[np.ndarray] = None
+        self._view: Optional[npt.NDArray[np.uint8]] = None
         self._released = False
 
     @property
@@ -656,7 +665,7 @@ class Frame:
         return self._released
 
     @property
-    def image(self) -> np.ndarray:
+    def image(self) -> npt.NDArray[np.uint8]:
         """The grey image as a read-only view of the frame slot (no copy)."""
         view = self._view
         if view is None:
@@ -668,7 +677,7 @@ class Frame:
             self._view = view
         return view
 
-    def copy(self) -> np.ndarray:
+    def copy(self) -> npt.NDArray[np.uint8]:
         """An owned copy of the image, valid after the release."""
         return self.image.copy()
 

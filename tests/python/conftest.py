@@ -13,8 +13,10 @@ run in a session of their own.
 from __future__ import annotations
 
 import os
+from typing import Iterator
 
 import numpy as np
+import numpy.typing as npt
 import pytest
 
 import ztuvc
@@ -39,7 +41,7 @@ def infos() -> list[ztuvc.ReaderInfo]:
 
 
 @pytest.fixture
-def cam(infos: list[ztuvc.ReaderInfo]):
+def cam(infos: list[ztuvc.ReaderInfo]) -> Iterator[ztuvc.Camera]:
     with ztuvc.open(0) as c:
         yield c
 
@@ -56,7 +58,7 @@ def sim_pid() -> int:
 # The simulator's test pattern, written out here from its definition:
 # bytes 0..3 hold the frame number (little-endian), every other byte is a
 # hash of (frame, offset).
-def pattern(frame: int, size: int) -> np.ndarray:
+def pattern(frame: int, size: int) -> npt.NDArray[np.uint8]:
     off = np.arange(size, dtype=np.uint32)
     x = off * np.uint32(0x9E3779B1) ^ np.uint32((frame * 0x85EBCA77 + 0x165667B1) & 0xFFFFFFFF)
     x ^= x >> np.uint32(15)

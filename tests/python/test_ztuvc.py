@@ -7,6 +7,7 @@ import os
 import signal
 import struct
 import time
+from typing import Any
 
 import numpy as np
 import pytest
@@ -28,14 +29,15 @@ def test_readers_and_identity(infos: list[ztuvc.ReaderInfo]) -> None:
     assert ztuvc.readers() == infos  # the same readers keep their places
 
     second = infos[1]
-    for key in (1, second.name, second.serial, second, np.int64(1)):
+    keys: list[Any] = [1, second.name, second.serial, second, np.int64(1)]
+    for key in keys:
         with ztuvc.open(key) as cam:
             got = (cam.name, cam.vendor_id, cam.product_id, cam.revision, cam.product, cam.manufacturer, cam.serial)
             assert got == (second.name, second.vendor_id, second.product_id, second.revision,
                            second.product, second.manufacturer, second.serial)
-            with pytest.raises(ztuvc.Failure) as exc:
+            with pytest.raises(ztuvc.Failure) as busy:
                 ztuvc.open(second.serial)  # already open
-            assert exc.value.code == -1
+            assert busy.value.code == -1
         assert cam.closed
         with pytest.raises(ValueError):
             cam.serial
@@ -135,7 +137,7 @@ def test_frames_in_place_match_the_pattern(cam: ztuvc.Camera) -> None:
             previous = frame
             if len(numbers) == 6:
                 break
-        assert previous.released  # leaving the loop released the last one
+        assert previous is not None and previous.released  # leaving the loop released the last one
     assert not s.running
     assert numbers == sorted(set(numbers)), numbers
 
@@ -163,7 +165,7 @@ def test_timeout_release_twice_and_stop(cam: ztuvc.Camera) -> None:
         held = s.get(timeout_ms=2000)
         for bad, err in ((-1, ValueError), ("1", TypeError)):
             with pytest.raises(err):
-                s.get(timeout_ms=bad)  # type: ignore[arg-type]
+                s.get(timeout_ms=bad)
     # Leaving the block stopped the stream and took back the frame still held.
     assert held.released and not s.running
     with pytest.raises(ValueError):

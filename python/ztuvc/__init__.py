@@ -622,7 +622,10 @@ class Stream:
         if not self._running:
             return
         for frame in list(self._outstanding.values()):
-            frame.release()
+            try:
+                frame.release()
+            except Error:
+                pass  # the slot is freed by the stop anyway
         self._abandon()
         if self._camera._stream is self:
             self._camera._stream = None
@@ -634,8 +637,13 @@ class Stream:
     def __enter__(self) -> Stream:
         return self
 
-    def __exit__(self, *exc: object) -> None:
-        self.stop()
+    def __exit__(self, exc_type: object, *exc: object) -> None:
+        try:
+            self.stop()
+        except Error:
+            if exc_type is None:
+                raise
+            # The error that ended the block (a reader gone, say) is the news.
 
 
 class Frame:

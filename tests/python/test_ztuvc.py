@@ -106,7 +106,8 @@ def test_registers_and_flash(cam: ztuvc.Camera) -> None:
 
 
 def test_frames_in_place_match_the_pattern(cam: ztuvc.Camera) -> None:
-    numbers = []
+    numbers: list[int] = []
+    starts: list[int] = []
     previous = None
     with cam.stream(slots=4) as s:
         assert s.running
@@ -130,6 +131,7 @@ def test_frames_in_place_match_the_pattern(cam: ztuvc.Camera) -> None:
             mismatch = np.flatnonzero(image.reshape(-1) != pattern(number, SIZE))
             assert mismatch.size == 0, f"frame {number}: first wrong byte at {mismatch[:1]}"
             numbers.append(number)
+            starts.append(frame.start_ms)
 
             kept = frame.copy()
             assert kept.flags.owndata and np.array_equal(kept, image)
@@ -138,6 +140,17 @@ def test_frames_in_place_match_the_pattern(cam: ztuvc.Camera) -> None:
             if len(numbers) == 6:
                 break
         assert previous is not None and previous.released  # leaving the loop released the last one
+
+        # A flush drops the frames ready and the one being stored: the next
+        # frame handed out was begun after it, at least two numbers on. (The
+        # pause lets frames queue up at the rate seen, so that a flush doing
+        # nothing shows.)
+        with s.get(timeout_ms=2000) as before:
+            number = int.from_bytes(before.image[0, :4].tobytes(), "little")
+        time.sleep(3 * (starts[-1] - starts[0]) / (len(starts) - 1) / 1000)
+        s.flush()
+        with s.get(timeout_ms=3000) as after:
+            assert int.from_bytes(after.image[0, :4].tobytes(), "little") >= number + 2
     assert not s.running
     assert numbers == sorted(set(numbers)), numbers
 

@@ -46,15 +46,20 @@ protected:
             n++;
         return n;
     }
-    // The names listed for a request; the status must be success.
-    std::set<std::string> names(const USBTR_DEVICE_DESCRIPTION *pRequest = nullptr)
+    // What an enumeration for this request lists; it must succeed.
+    std::vector<USBTR_DEVICE_DESCRIPTION> enumerate(const USBTR_DEVICE_DESCRIPTION *pRequest = nullptr)
     {
         USBTR_DEVICE_LIST *list = nullptr;
         EXPECT_EQ(USBTREnumerate(lib(), pRequest, &list), USBTR_STATUS_SUCCESS);
-        std::set<std::string> out;
-        for (uint32_t i = 0; list != nullptr && i < list->nCount; i++)
-            out.insert(list->aDevices[i].szDeviceName);
+        std::vector<USBTR_DEVICE_DESCRIPTION> out(list->aDevices, list->aDevices + list->nCount);
         free(list);
+        return out;
+    }
+    std::set<std::string> names(const USBTR_DEVICE_DESCRIPTION &request)
+    {
+        std::set<std::string> out;
+        for (const USBTR_DEVICE_DESCRIPTION &d : enumerate(&request))
+            out.insert(d.szDeviceName);
         return out;
     }
     static USBTR_DEVICE_DESCRIPTION byName(const std::string &name)
@@ -78,7 +83,7 @@ protected:
 
 TEST_F(Transport, DiscoveryKeepsReadersWithTheirStringsBesideOtherDevices)
 {
-    testbed().addUnsupported(0x046D, 0xC077);
+    testbed().addUnsupported(0x046D, 0x000D);                 // a reader's product id, another vendor
     testbed().addUnsupported(USBTR_READER_VENDOR_ID, 0x000F); // the vendor, but not a reader
     Reader &plain = addReader(Model::T30);
     DeviceOptions o;
@@ -100,10 +105,7 @@ TEST_F(Transport, DiscoveryKeepsReadersWithTheirStringsBesideOtherDevices)
             o.unreadableAttributes = {"descriptors"};
         addReader(Model::T30, o);
     }
-    USBTR_DEVICE_LIST *list = nullptr;
-    ASSERT_EQ(USBTREnumerate(lib(), nullptr, &list), USBTR_STATUS_SUCCESS);
-    const std::vector<USBTR_DEVICE_DESCRIPTION> found(list->aDevices, list->aDevices + list->nCount);
-    free(list);
+    const std::vector<USBTR_DEVICE_DESCRIPTION> found = enumerate();
     ASSERT_EQ(found.size(), 4u);
     const std::map<std::string, std::vector<std::string>> expected = {
         {plain.cameraName(), {"3a5c:000d:0100", "Tessary 30 Fingerprint Reader", "Tessary Biometrics", plain.serial()}},
@@ -128,33 +130,24 @@ TEST_F(Transport, DiscoveryReadsNumbersFiltersByProductAndSelectsByName)
     DeviceOptions o;
     o.rawAttributes = {{"busnum", "0x10\n"}, {"devnum", "  7\n"}};
     Reader &a = addReader(Model::T30, o);
-    Reader &b = addReader(Model::T30);
-    Reader &c = addReader(Model::T20);
+    Reader &b = addReader(Model::T30), &c = addReader(Model::T20);
     for (int i = 0; i < 15; i++) // the table grows past sixteen entries
         addReader(Model::T10);
     USBTR_DEVICE_INFO **table = nullptr, *first = nullptr;
     int32_t count = 0, filtered = 0;
-    ASSERT_EQ(USBTRInternalEnumerate(nullptr, &table, &count, &filtered, &first), USBTR_STATUS_SUCCESS);
-    ASSERT_EQ(count, 18);
-    const USBTR_DEVICE_INFO *pA = *std::find_if(table, table + count, [&](auto *d) { return d->szSysfsName == a.sysfsName(); });
+    const USBTR_DEVICE_DESCRIPTION request = byName(b.cameraName());
+    ASSERT_EQ(USBTRInternalEnumerate(&request, &table, &count, &filtered, &first), USBTR_STATUS_SUCCESS);
+    EXPECT_TRUE(count == 18 && filtered == 1 && first->szSysfsName == b.sysfsName());
+    auto *pA = *std::find_if(table, table + count, [&](auto *d) { return d->szSysfsName == a.sysfsName(); });
     EXPECT_EQ(std::string(pA->szBusNum) + "/" + pA->szDevNum, "016/007");
     EXPECT_EQ(pA->aConfigs[0].pInterfaces[1].aAltSettings[1].aEndpoints[0].bEndpointAddress, kIsoEndpoint);
     USBTRFreeDevices(table, count);
-    EXPECT_EQ(names().size(), 18u);
-
-    USBTR_DEVICE_DESCRIPTION request = {};
-    request.wPid = 0x000C;
-    EXPECT_EQ(names(&request), std::set<std::string>{c.cameraName()});
-    request = {}, request.wVid = 0x046D;
-    EXPECT_TRUE(names(&request).empty());
-    request = byName(b.cameraName());
-    EXPECT_EQ(names(&request), std::set<std::string>{b.cameraName()});
-    ASSERT_EQ(USBTRInternalEnumerate(&request, &table, &count, &filtered, &first), USBTR_STATUS_SUCCESS);
-    EXPECT_EQ(filtered, 1);
-    EXPECT_EQ(std::string(first->szSysfsName), b.sysfsName());
-    USBTRFreeDevices(table, count);
-    request = byName("3a5c_000d_0100_001_9-9");
-    EXPECT_TRUE(names(&request).empty());
+    EXPECT_EQ(enumerate().size(), 18u);
+    EXPECT_EQ(names(request), std::set<std::string>{b.cameraName()});
+    USBTR_DEVICE_DESCRIPTION product = {}, vendor = {};
+    product.wPid = 0x000C, vendor.wVid = 0x046D;
+    EXPECT_EQ(names(product), std::set<std::string>{c.cameraName()});
+    EXPECT_TRUE(names(vendor).empty() && names(byName("3a5c_000d_0100_001_9-9")).empty());
 }
 
 TEST_F(Transport, AnEnvironmentRootWithABusDirectoryIsTheUsbfsRoot)

@@ -218,7 +218,7 @@ TEST_F(Request, InterruptReadsCancelShortAndWithoutEndpoint)
     std::atomic<int32_t> status{-1};
     std::thread reader([&] { status = USBTRInterruptRead(ctx_.get(), buf.data(), buf.size()); });
     // Polling for it: the request is published by then (a cancel before that is lost).
-    ASSERT_TRUE(WaitFor([&] { return kernel_.calls.back().first == USBDEVFS_REAPURBNDELAY; }));
+    ASSERT_TRUE(WaitFor([&] { return !kernel_.calls.empty() && kernel_.calls.back().first == USBDEVFS_REAPURBNDELAY; }));
     auto *u = static_cast<usbdevfs_urb *>(Calls(USBDEVFS_SUBMITURB)[0]);
     EXPECT_EQ(u->type, USBDEVFS_URB_TYPE_INTERRUPT);
     EXPECT_EQ(u->endpoint, 0x82);

@@ -215,25 +215,4 @@ TEST(TransportDescriptors, LimitsAndMalformedLayouts)
     }
 }
 
-TEST(TransportDescriptors, SkipPassesOverForeignDescriptorsOnly)
-{
-    auto skip = [](const Bytes &b, int32_t expectedRest = -1) {
-        std::unique_ptr<uint8_t[]> exact(new uint8_t[b.size()]);
-        std::copy(b.begin(), b.end(), exact.get());
-        const uint8_t *p = exact.get();
-        int32_t n = int32_t(b.size());
-        const int32_t st = USBTRSkipOtherDescriptors(&p, &n);
-        EXPECT_TRUE(expectedRest < 0 || n == expectedRest);
-        return st == USBTR_STATUS_SUCCESS ? p - exact.get() : -1;
-    };
-    for (uint8_t stop : {1, 2, 4, 5})
-        EXPECT_EQ(skip(cat({other(0x24, 13), other(0x25, 5), other(11, 8), other(0x0F, 4), other(stop, 9)}), 9), 30);
-    EXPECT_EQ(skip(interface(0, 0, 0)), 0);
-    for (int tail = 0; tail < 4; tail++) // fewer than four bytes end the skip
-        EXPECT_EQ(skip(cat({other(0x24, 6), Bytes(size_t(tail), 0xFF)}), tail), 6);
-    EXPECT_EQ(skip({6, 0x24, 0, 0, 0, 0}, 0), 6);
-    for (uint8_t bad : {0, 1, 7})
-        EXPECT_EQ(skip({bad, 0x24, 0, 0, 0, 0}), -1) << int(bad);
-}
-
 } // namespace

@@ -203,7 +203,7 @@ TEST(TransportDescriptors, LimitsAndMalformedLayouts)
         {"endpoint missing", config(1, interface(0, 0, 1))},
         {"endpoint beyond the end", config(1, cat({interface(0, 0, 1), {40, 5, 0x81, 2, 64, 0, 0}}))},
         {"class descriptor bLength 0", config(1, cat({interface(0, 0, 0), {0, 0x24, 1, 1}, interface(1, 0, 0)}))},
-        {"class descriptor bLength 1", config(1, cat({interface(0, 0, 0), {1, 0x24, 1, 1}, interface(1, 0, 0)}))},
+        {"descriptor of one byte", config(1, cat({{1}, interface(0, 0, 0)}))},
         {"8 bytes", {9, 2, 8, 0, 1, 1, 0, 0x80}},
         {"no configuration declared", uvcConfig(), 0},
         {"second configuration malformed", cat({uvcConfig(), endpoints(33)}), 2},

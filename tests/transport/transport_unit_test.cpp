@@ -37,7 +37,7 @@ inline Bytes endpoint(uint8_t address, uint8_t attributes, uint16_t maxPacket, u
     return b;
 }
 
-// A class-specific (or any other) descriptor; length at least 2.
+// A class descriptor (or any other); length at least 2.
 inline Bytes other(uint8_t type, uint8_t length)
 {
     Bytes b(length, 0x11);

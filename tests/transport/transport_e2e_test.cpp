@@ -150,6 +150,19 @@ TEST_F(Transport, DiscoveryReadsNumbersFiltersByProductAndSelectsByName)
     EXPECT_TRUE(names(vendor).empty() && names(byName("3a5c_000d_0100_001_9-9")).empty());
 }
 
+// A bus number that cannot be read ends the whole walk, for any device.
+TEST_F(Transport, AnUnreadableBusNumberEndsTheWalk)
+{
+    addReader(Model::T10);
+    DeviceOptions o;
+    o.vendorId = 0x046D, o.productId = 0xC077, o.descriptors = otherDeviceDescriptors(0x046D, 0xC077);
+    o.unreadableAttributes = {"busnum"};
+    testbed().addDevice(o);
+    USBTR_DEVICE_LIST *list = nullptr;
+    EXPECT_EQ(USBTREnumerate(lib(), nullptr, &list), USBTR_STATUS_NO_DEVICE);
+    EXPECT_EQ(list, nullptr);
+}
+
 TEST_F(Transport, AnEnvironmentRootWithABusDirectoryIsTheUsbfsRoot)
 {
     addReader(Model::T10);

@@ -156,8 +156,10 @@ TEST_F(Request, BulkReadsArePiecedReassembledAndNeverOverrun)
 
 TEST_F(Request, TimeoutsDiscardAndCollectAndOrphanedSlotsWaitForTheirReap)
 {
-    kernel_.answers = {-1};
     std::vector<uint8_t> buf(64, 0xEE);
+    kernel_.failNext[USBDEVFS_SUBMITURB] = EPIPE; // refused at once, the slot stays free
+    EXPECT_EQ(USBTRBulkRead(ctx_.get(), buf.data(), 64, &actual_, 5), USBTR_STATUS_COMM_ERROR);
+    kernel_.answers = {-1};
     EXPECT_EQ(USBTRBulkRead(ctx_.get(), buf.data(), 64, &actual_, 5), USBTR_STATUS_TIMEOUT);
     EXPECT_EQ(actual_, 0u);
     ASSERT_EQ(Calls(USBDEVFS_DISCARDURB).size(), 1u);

@@ -120,6 +120,9 @@ TEST(TransportTable, BadHandlesAreRefusedBeforeAnythingIsTouched)
     EXPECT_EQ(USBTRDone(&lib), USBTR_STATUS_INVALID_HANDLE);
     lib.dwMagic = USBTR_LIB_MAGIC;
     EXPECT_TRUE(USBTRCheckLibContext(&lib, false, __FILE__, __LINE__));
+    EXPECT_EQ(USBTRInit(nullptr, 0), USBTR_STATUS_GENERAL_ERROR); // no output: refused before allocating
+    EXPECT_EQ(USBTROpen(&lib, nullptr, 0, nullptr), USBTR_STATUS_GENERAL_ERROR);
+    EXPECT_EQ(USBTREnumerate(&lib, nullptr, nullptr), USBTR_STATUS_GENERAL_ERROR);
 }
 
 // ---- descriptor parse -------------------------------------------------------
@@ -186,6 +189,7 @@ TEST(TransportDescriptors, LimitsAndMalformedLayouts)
     EXPECT_EQ(Parsed(endpoints(32)).config().pInterfaces[0].aAltSettings[0].aEndpoints[31].bEndpointAddress, 0x9F);
     EXPECT_EQ(Parsed(alts(128)).config().pInterfaces[1].aAltSettings[127].aEndpoints[0].bEndpointAddress, 0x81);
     EXPECT_TRUE(Parsed(config(0, {})).keepsNothing());
+    EXPECT_EQ(Parsed(config(2, interface(0, 0, 0))).config().pInterfaces[1].nAltSettings, 0u) << "no room left";
 
     Bytes overlong = uvcConfig(), tooShort = uvcConfig();
     overlong[2]++, tooShort[2] = 5, tooShort[3] = 0;

@@ -11,6 +11,7 @@ packages=(
   libpng-dev
   clang libclang-rt-dev
   valgrind
+  qemu-system-x86 libusbredirparser-dev busybox-static kmod
 )
 
 missing=()

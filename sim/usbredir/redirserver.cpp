@@ -56,6 +56,9 @@ struct RedirServer::Impl {
     Clock::time_point isoStart;
     uint64_t microframesSent = 0;
     uint32_t sensorPhase = 0;  // 100 ns units since the last sensor tick
+    uint64_t emptyPackets = 0;
+    uint64_t skipped = 0;           // microframes this process was too late for
+    uint32_t firstFrame = 0;        // the stream's first frame number
     std::vector<uint8_t> packet = std::vector<uint8_t>(kIsoPacketSize);
 
     static Impl* of(void* p) { return static_cast<Impl*>(p); }
@@ -142,16 +145,19 @@ struct RedirServer::Impl {
         }
     }
 
-    // One packet per microframe that is due: image data when a frame is
-    // queued, else an empty packet, so QEMU's buffer drains at the rate the
-    // guest's controller polls.
+    // The microframes that are due: image data when a frame is queued,
+    // else an empty packet (every other one), so QEMU's buffer holds what
+    // the guest's controller will poll for.
     void pumpIso() {
         if (!isoRunning || !attached) return;
         const uint64_t due = uint64_t((Clock::now() - isoStart) / kMicroframe);
         // Starved by the host's scheduler: the microframes missed are gone
         // (the sensor clock runs on the ones sent), rather than a burst that
         // would overflow QEMU's buffer.
-        if (due > microframesSent + 64) microframesSent = due - 8;
+        if (due > microframesSent + 64) {
+            skipped += due - 8 - microframesSent;
+            microframesSent = due - 8;
+        }
         while (microframesSent < due) {
             ++microframesSent;
             sensorPhase += kMicroframe100ns;
@@ -162,6 +168,11 @@ struct RedirServer::Impl {
             IsoSlot slot;
             slot.length = kIsoPacketSize;
             dev.fillIso(&slot, 1, packet.data(), packet.size());
+            // QEMU's xHCI takes one packet per microframe and never more, so
+            // packets that piled up while the guest was held up would stay
+            // queued until QEMU drops them. Every other empty packet is left
+            // out: the backlog drains, and an emptied buffer only delays data.
+            if (slot.actual == 0 && (++emptyPackets & 1) == 0) continue;
             usb_redir_iso_packet_header h{};
             h.endpoint = kIsoEndpoint;
             h.status = usb_redir_success;
@@ -171,6 +182,10 @@ struct RedirServer::Impl {
     }
 
     void stopIso() {
+        if (isoRunning)
+            std::fprintf(stderr, "ztuvc-sim: stream of %llu microframes: frames %u..%u, %llu microframes skipped\n",
+                         (unsigned long long)microframesSent, firstFrame, dev.nextFrame,
+                         (unsigned long long)skipped);
         isoRunning = false;
         // A partly sent frame is not finished later: the sensor starts afresh.
         dev.queue.clear();
@@ -243,6 +258,8 @@ struct RedirServer::Impl {
             s.isoRunning = true;
             s.isoStart = Clock::now();
             s.microframesSent = 0;
+            s.skipped = 0;
+            s.firstFrame = s.dev.nextFrame;
             s.sensorPhase = s.dev.frameInterval();  // the first frame starts at once
         }
         usbredirparser_send_iso_stream_status(s.parser, id, &st);
@@ -277,23 +294,20 @@ struct RedirServer::Impl {
         usbredirparser_send_control_packet(s.parser, id, &reply, in && r > 0 ? buf.data() : nullptr,
                                            in && r > 0 ? int(r) : 0);
     }
-    static void dataRejected(void* p, uint64_t id, uint8_t ep, uint8_t* data) {
+    // The reader has no OUT endpoints and no bulk ones: such transfers are refused.
+    static void freeData(void* p, uint8_t* data) {
         if (data) usbredirparser_free_packet_data(of(p)->parser, data);
-        (void)id;
-        (void)ep;
     }
     static void bulk(void* p, uint64_t id, usb_redir_bulk_packet_header* h, uint8_t* data, int) {
-        dataRejected(p, id, h->endpoint, data);
+        freeData(p, data);
         usb_redir_bulk_packet_header r = *h;
         r.status = usb_redir_inval;
         r.length = 0;
         usbredirparser_send_bulk_packet(of(p)->parser, id, &r, nullptr, 0);
     }
-    static void iso(void* p, uint64_t id, usb_redir_iso_packet_header* h, uint8_t* data, int) {
-        dataRejected(p, id, h->endpoint, data);
-    }
+    static void iso(void* p, uint64_t, usb_redir_iso_packet_header*, uint8_t* data, int) { freeData(p, data); }
     static void interrupt(void* p, uint64_t id, usb_redir_interrupt_packet_header* h, uint8_t* data, int) {
-        dataRejected(p, id, h->endpoint, data);
+        freeData(p, data);
         usb_redir_interrupt_packet_header r = *h;
         r.status = usb_redir_inval;
         r.length = 0;

@@ -193,9 +193,20 @@ static int cmdOpen(const char* self) {
     char d[256];
     snprintf(d, sizeof d, "%s", dev);
     CHECK(strcmp(driverOf(d, 0), "uvcvideo") == 0, "before open: interface 0 bound to '%s'", driverOf(d, 0));
-    /* uvcvideo's node held open by another process during our open. */
-    int video = open("/dev/video0", O_RDWR);
-    CHECK(video >= 0, "/dev/video0: %s", strerror(errno));
+    /* uvcvideo's node held open by another process during our open: it
+     * reads once we have the reader and exits 0 when that gives ENODEV. */
+    int go[2], ready[2];
+    if (pipe(go) != 0 || pipe(ready) != 0) return 1;
+    pid_t holder = fork();
+    if (holder == 0) {
+        int video = open("/dev/video0", O_RDWR);
+        char b[16];
+        if (write(ready[1], video >= 0 ? "y" : "n", 1) != 1 || read(go[0], b, 1) != 1) _exit(3);
+        errno = 0;
+        _exit(video >= 0 && read(video, b, sizeof b) < 0 && errno == ENODEV ? 0 : 1);
+    }
+    char b = 0;
+    CHECK(read(ready[0], &b, 1) == 1 && b == 'y', "/dev/video0 could not be opened");
     camera_init();
     CAMERA_HANDLE h = first();
     int32_t r = h ? camera_open(h) : 99;
@@ -206,16 +217,14 @@ static int cmdOpen(const char* self) {
     CHECK(strcmp(driverOf(d, 0), "uvcvideo") != 0 && strcmp(driverOf(d, 1), "usbfs") == 0,
           "after open: interfaces bound to '%s', '%s'", driverOf(d, 0), driverOf(d, 1));
     CHECK(strcmp(attr(d, "bConfigurationValue"), "1") == 0, "configuration '%s'", attr(d, "bConfigurationValue"));
-    char buf[16];
-    errno = 0;
-    CHECK(read(video, buf, sizeof buf) < 0 && errno == ENODEV, "read of the held /dev/video0: %s", strerror(errno));
-    close(video);
+    int st = 0;
+    CHECK(write(go[1], "g", 1) == 1 && waitpid(holder, &st, 0) == holder && WIFEXITED(st) && WEXITSTATUS(st) == 0,
+          "the process holding /dev/video0 did not read ENODEV (%d)", st);
     pid_t pid = fork();
     if (pid == 0) {
         execl("/proc/self/exe", self, "busy", (char*)NULL);
         _exit(2);
     }
-    int st = 0;
     waitpid(pid, &st, 0);
     CHECK(WIFEXITED(st) && WEXITSTATUS(st) == 0, "a second process did not get CAMERA_ERR_NO_DEVICE (%d)", st);
     CHECK(camera_xu_sensor_read(h, 0x1234) == defaultRegister(0x1234), "register after the busy attempt");

@@ -119,32 +119,33 @@ int serveUsbredir(const char* socketPath, sim::Model model, bool pattern) {
         return 1;
     }
     server.plug(model);
-    int rc = 0;
-    std::thread serving([&] {
-        rc = server.run();
-        // QEMU went away: end the command reader too.
-        close(STDIN_FILENO);
-    });
-    std::string line;
-    while (std::getline(std::cin, line)) {
-        unsigned number = 0;
-        if (line == "unplug") {
-            server.unplug();
-        } else if (line == "plug") {
-            server.plug(model);
-        } else if (line.rfind("plug ", 0) == 0 && parseSmall(line.c_str() + 5, number) && modelOf(number)) {
-            server.plug(*modelOf(number));
-        } else if (line == "quit") {
-            break;
-        } else if (!line.empty()) {
-            std::fprintf(stderr, "ztuvc-sim: unknown command '%s'\n", line.c_str());
+    // Commands come from a thread of their own: run() ends when QEMU goes
+    // away, and then nothing must wait for another line of input.
+    std::thread commands([&server, model] {
+        std::string line;
+        while (std::getline(std::cin, line)) {
+            unsigned number = 0;
+            if (line == "unplug") {
+                server.unplug();
+            } else if (line == "plug") {
+                server.plug(model);
+            } else if (line.rfind("plug ", 0) == 0 && parseSmall(line.c_str() + 5, number) && modelOf(number)) {
+                server.plug(*modelOf(number));
+            } else if (line == "quit") {
+                break;
+            } else if (!line.empty()) {
+                std::fprintf(stderr, "ztuvc-sim: unknown command '%s'\n", line.c_str());
+            }
         }
-    }
-    server.unplug();
-    server.stop();
-    serving.join();
+        server.unplug();
+        server.stop();
+    });
+    commands.detach();
+    const int rc = server.run();
     unlink(socketPath);
-    return rc;
+    // The command thread may still be reading: leave without unwinding.
+    std::fflush(nullptr);
+    _exit(rc);
 #else
     (void)model;
     (void)pattern;

@@ -399,8 +399,15 @@ int RedirServer::run() {
     }
     s.makeParser();
     for (;;) {
-        if (stopped()) return 0;
         s.takeCommands();
+        if (stopped()) {
+            // Whatever the last commands produced (a disconnect) goes out first.
+            for (int i = 0; i < 100 && usbredirparser_has_data_to_write(s.parser) > 0 && !s.lost; ++i) {
+                pollfd p = {s.fd, POLLOUT, 0};
+                if (poll(&p, 1, 10) > 0 && usbredirparser_do_write(s.parser) != 0) break;
+            }
+            return 0;
+        }
         s.pumpIso();
         const bool wantWrite = usbredirparser_has_data_to_write(s.parser) > 0;
         pollfd p[2] = {{s.fd, short(POLLIN | (wantWrite ? POLLOUT : 0)), 0}, {s.wake[0], POLLIN, 0}};

@@ -18,6 +18,7 @@ modules=(usbcore xhci-pci ehci-pci uvcvideo)
 checks=(enum-t10 open regs capture-t10 unplug-replug enum-t40 capture-t40)
 
 log() { echo "kernel-lane: $*" >&2; }
+[ "$(id -u)" -eq 0 ] || SUDO=sudo
 
 # ---- kernel and modules (cached per version) --------------------------
 prepare_kernel() {
@@ -29,7 +30,10 @@ prepare_kernel() {
   if [ ! -f "$kdir/ready" ]; then
     log "fetching $pkg"
     rm -rf "$kdir" && mkdir -p "$kdir"
-    (cd "$kdir" && apt-get download "$pkg" >/dev/null 2>&1 && dpkg-deb -x ./*.deb root && rm -f ./*.deb)
+    # Stale package lists name a version the mirror no longer has: refresh once.
+    (cd "$kdir" && { apt-get download "$pkg" >/dev/null 2>&1 ||
+      { ${SUDO:-} apt-get update -qq && apt-get download "$pkg" >/dev/null; }; } &&
+      dpkg-deb -x ./*.deb root && rm -f ./*.deb)
     kver="$(ls "$kdir/root/lib/modules")"
     depmod -b "$kdir/root" "$kver"
     touch "$kdir/ready"

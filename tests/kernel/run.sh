@@ -104,7 +104,7 @@ start=$SECONDS
 mkfifo "$work/console"
 timeout 480 "${prio[@]}" qemu-system-x86_64 -accel tcg -smp 1 -m 512 -nographic -no-reboot \
   -kernel "$vmlinuz" -initrd "$work/initrd.gz" \
-  -append "console=ttyS0 loglevel=3 panic=-1 mitigations=off ztuvc.hc=$hc" \
+  -append "console=ttyS0 loglevel=3 panic=-1 mitigations=off no_timer_check ztuvc.hc=$hc" \
   "${controller[@]}" \
   -chardev socket,id=redir,path="$work/redir.sock" -device usb-redir,chardev=redir,bus=hc.0 \
   >"$work/console" 2>&1 </dev/null &

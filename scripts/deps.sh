@@ -12,6 +12,7 @@ packages=(
   python3-numpy python3-pytest python3-venv
   clang libclang-rt-dev
   valgrind
+  qemu-system-x86 libusbredirparser-dev busybox-static kmod
 )
 
 missing=()

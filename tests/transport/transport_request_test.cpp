@@ -16,6 +16,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <sys/eventfd.h>
 #include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
@@ -397,6 +398,33 @@ TEST(TransportRequest, ARequestReapedByAnotherThreadCountsAsCompleted)
     fake::completeInFlight(0, 8);
     b.join();
     EXPECT_EQ(statusB.load(), USBTR_STATUS_SUCCESS);
+}
+
+// On a descriptor that poll() can tell about but that never signals (as when
+// another thread has reaped the completion), a waiter sleeping in poll()
+// still sees its request marked: with an infinite time-out a wait bounded
+// only by the completion signal would never end.
+TEST(TransportRequest, AWaiterInPollSeesAMarkSetByAnotherThread)
+{
+    int efd = eventfd(0, EFD_CLOEXEC);
+    uint64_t full = 0xfffffffffffffffeULL; // an eventfd at this count is never writable
+    ASSERT_EQ(write(efd, &full, sizeof(full)), ssize_t(sizeof(full)));
+    ASSERT_EQ(dup2(efd, fake::kFd), fake::kFd); // the fake's descriptor becomes pollable
+    ContextPtr ctx = makeContext();
+    USBTR_REQUEST req;
+    uint8_t data[8];
+    USBTRPrepareRequest(ctx.get(), &req, 0x83, 0x80, USB_TRANSFER_TYPE_BULK, data, sizeof(data));
+    fake::kernel().answers = {-1};
+    ASSERT_EQ(USBTRSubmitRequest(ctx.get(), &req), USBTR_STATUS_SUCCESS);
+    std::thread other([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        fake::completeInFlight(0, 8);
+        USBTRTryReapThisRequest(ctx.get(), nullptr); // reaps and marks it
+    });
+    EXPECT_EQ(USBTRPollReapThisRequest(ctx.get(), &req, USBTR_TIMEOUT_INFINITE), USBTR_STATUS_SUCCESS);
+    other.join();
+    close(fake::kFd);
+    close(efd);
 }
 
 TEST(TransportRequest, DiscardOfACompletedRequestSucceeds)

@@ -4,11 +4,13 @@
  * A trace statement first asks _DShouldTrace(); only when that admits the
  * record is any text formatted, and the caller then finishes the record with
  * _DDoTrace() (optionally after _DAddToMessage()).  The DTRACE* macros below
- * wrap that sequence so that a disabled statement costs one level test.
+ * wrap that sequence so that a disabled statement costs one level test, made
+ * inline, and evaluates none of its arguments.
  */
 #ifndef ZTUVC_DTRACES_H
 #define ZTUVC_DTRACES_H
 
+#include <atomic>
 #include <cstdint>
 
 /* One writable record per region; bLevel/bInitialised are written once under
@@ -29,15 +31,32 @@ enum : uint8_t {
     DTRACE_LEVEL_LOUD = 5,
 };
 
-extern DTRACE_REGION _DRegion_usbuvc;
-extern DTRACE_REGION _DRegion_usbtr;
-extern DTRACE_REGION _DRegion_usbvd;
-extern DTRACE_REGION _DRegion_fpplat;
-extern DTRACE_REGION gAssertRegion;
+/* Hidden: every statement reads its region directly, not through the GOT. */
+#define DTRACE_HIDDEN __attribute__((visibility("hidden")))
+extern DTRACE_REGION _DRegion_usbuvc DTRACE_HIDDEN;
+extern DTRACE_REGION _DRegion_usbtr DTRACE_HIDDEN;
+extern DTRACE_REGION _DRegion_usbvd DTRACE_HIDDEN;
+extern DTRACE_REGION _DRegion_fpplat DTRACE_HIDDEN;
+extern DTRACE_REGION gAssertRegion DTRACE_HIDDEN;
 
 /* Configuration reader: value of pszKey in file pszPath, or pszDefault. */
 void CfgGetSetValue(const char *pszPath, const char *pszKey, char *pszValue, unsigned nLength,
                     const char *pszDefault);
+
+/* The calling thread's indentation depth; it starts at 0 in every thread.
+ * Initial-exec: one load relative to the thread pointer, no lookup call. */
+extern constinit thread_local intptr_t gDIndentDepth DTRACE_HIDDEN __attribute__((tls_model("initial-exec")));
+
+/* The level test at the statement: false only when the region is configured
+ * and its level is below nLevel.  An unconfigured region answers true, so the
+ * out-of-line test configures it and decides.  The level is written once,
+ * before the flag is published, and never changes afterwards. */
+inline bool _DMayTrace(DTRACE_REGION *pRegion, uint8_t nLevel)
+{
+    return __builtin_expect(!std::atomic_ref<uint8_t>(pRegion->bInitialised).load(std::memory_order_acquire) ||
+                                std::atomic_ref<uint8_t>(pRegion->bLevel).load(std::memory_order_relaxed) >= nLevel,
+                            0);
+}
 
 void _DInitRegion(DTRACE_REGION *pRegion);
 uint32_t _DShouldTrace(DTRACE_REGION *pRegion, uint8_t nLevel, const char *pszFile, int iLine,
@@ -65,14 +84,19 @@ void _DTracePlain(DTRACE_REGION *pRegion, uint8_t nLevel, const char *pszFile, i
  * leaves without DTRACE_EXIT, the destructor still restores the indentation.
  */
 struct DTRACE_CALL {
-    DTRACE_REGION *pRegion = nullptr;
-    const char *pszFile = nullptr;
-    const char *pszName = nullptr;
-    uint32_t dwStart = 0;
-    uint8_t nLevel = 0;
-    bool bOpen = false;
-    bool bTimed = false; /* entry written: the exit will be too */
-    ~DTRACE_CALL();
+    DTRACE_REGION *pRegion;
+    const char *pszFile;
+    const char *pszName;
+    uint32_t dwStart;
+    uint8_t nLevel;
+    bool bOpen;
+    bool bTimed; /* entry written: the exit will be too */
+    ~DTRACE_CALL()
+    {
+        /* A path that returned without its exit record still gives back its indentation. */
+        if (bOpen)
+            gDIndentDepth--;
+    }
 };
 
 void _DTraceEnter(DTRACE_CALL *pCall, DTRACE_REGION *pRegion, uint8_t nLevel, const char *pszFile,
@@ -81,21 +105,53 @@ void _DTraceEnter(DTRACE_CALL *pCall, DTRACE_REGION *pRegion, uint8_t nLevel, co
 void _DTraceExit(DTRACE_CALL *pCall, int iLine, const char *pszFormat, ...)
     __attribute__((format(printf, 3, 4)));
 
+/* Entry and exit whose records are not written: only the indentation moves. */
+inline void _DTraceEnterQuiet(DTRACE_CALL *pCall)
+{
+    gDIndentDepth++;
+    pCall->bTimed = false;
+    pCall->bOpen = true;
+}
+inline void _DTraceExitQuiet(DTRACE_CALL *pCall)
+{
+    if (pCall->bOpen) {
+        gDIndentDepth--;
+        pCall->bOpen = false;
+    }
+}
+
 /* DTRACE_ENTER(call, region, level, "%s(%p,%u)", a, b): name comes from __func__. */
 #define DTRACE_ENTER(call, region, level, fmt, ...)                                                \
     DTRACE_CALL call;                                                                              \
-    _DTraceEnter(&call, &(region), (level), __FILE__, __LINE__, __func__, fmt, __func__,           \
-                 ##__VA_ARGS__)
+    if (_DMayTrace(&(region), (level)))                                                            \
+        _DTraceEnter(&call, &(region), (level), __FILE__, __LINE__, __func__, fmt, __func__,       \
+                     ##__VA_ARGS__);                                                               \
+    else                                                                                           \
+        _DTraceEnterQuiet(&call)
 /* Same, for functions whose records bear another name than their own. */
 #define DTRACE_ENTER_AS(call, region, level, name, fmt, ...)                                       \
     DTRACE_CALL call;                                                                              \
-    _DTraceEnter(&call, &(region), (level), __FILE__, __LINE__, (name), fmt, (name), ##__VA_ARGS__)
-/* DTRACE_EXIT(call, "%s() --> %d", result). */
-#define DTRACE_EXIT(call, fmt, ...) _DTraceExit(&(call), __LINE__, fmt, (call).pszName, ##__VA_ARGS__)
+    if (_DMayTrace(&(region), (level)))                                                            \
+        _DTraceEnter(&call, &(region), (level), __FILE__, __LINE__, (name), fmt, (name),           \
+                     ##__VA_ARGS__);                                                               \
+    else                                                                                           \
+        _DTraceEnterQuiet(&call)
+/* DTRACE_EXIT(call, "%s() --> %d", result): the arguments are evaluated only
+ * when the entry was written (the region's level never changes). */
+#define DTRACE_EXIT(call, fmt, ...)                                                                \
+    do {                                                                                           \
+        if (__builtin_expect((call).bTimed, 0))                                                    \
+            _DTraceExit(&(call), __LINE__, fmt, (call).pszName, ##__VA_ARGS__);                    \
+        else                                                                                       \
+            _DTraceExitQuiet(&(call));                                                             \
+    } while (0)
 
 /* A plain record in a region: DTRACE(_DRegion_usbtr, 3, "Found %d endpoints", n). */
 #define DTRACE(region, level, fmt, ...)                                                            \
-    _DTracePlain(&(region), (level), __FILE__, __LINE__, fmt, ##__VA_ARGS__)
+    do {                                                                                           \
+        if (_DMayTrace(&(region), (level)))                                                        \
+            _DTracePlain(&(region), (level), __FILE__, __LINE__, fmt, ##__VA_ARGS__);              \
+    } while (0)
 
 /* Consistency check that only reports: DASSERT(p != nullptr, "pContext"). */
 #define DASSERT(cond, text)                                                                        \

@@ -13,7 +13,7 @@
 #include "../lnx/platform/fpplat.h"
 #include "dtraces_int.h"
 
-DTRACE_CONTEXT gDContext = {PTHREAD_MUTEX_INITIALIZER, 0, {}, {}, 0, 0, 0, 0, {}, {}};
+DTRACE_CONTEXT gDContext = {PTHREAD_MUTEX_INITIALIZER, 0, {}, {}, 0, 0, 0, {}, {}};
 static uint32_t gDContextInited = 0;
 
 const char gLevels[] = "newdtl";
@@ -120,7 +120,6 @@ void Init(void)
 
     snprintf(gDContext.szModuleName, sizeof(gDContext.szModuleName), "%s", MODULE_NAME);
     gDContext.dwTimeBase = FPPltGetTime();
-    pthread_key_create(&gDContext.aIndentKey, nullptr);
 
     if (pszOn != nullptr || pszPath != nullptr) {
         gDContext.bForcedLevel = (pszOn != nullptr && DecimalValue(pszOn) == 0) ? 0 : FORCED_LEVEL_ON;

@@ -23,7 +23,6 @@ struct DTRACE_CONTEXT {
     int32_t iMessageLength;
     uint32_t bForced;
     uint8_t bForcedLevel;
-    pthread_key_t aIndentKey;
     char szTarget[DTRACE_PATH_SIZE];
     char szRegionConfigFile[DTRACE_PATH_SIZE];
 };

@@ -17,16 +17,6 @@ namespace {
 
 constexpr uint32_t DUMP_BYTES_PER_LINE = 32;
 
-intptr_t IndentDepth(void)
-{
-    return reinterpret_cast<intptr_t>(pthread_getspecific(gDContext.aIndentKey));
-}
-
-void SetIndentDepth(intptr_t iDepth)
-{
-    pthread_setspecific(gDContext.aIndentKey, reinterpret_cast<void *>(iDepth));
-}
-
 /* Appends formatted text, cut to what the record can still hold. */
 void AddToMessageV(const char *pszFormat, va_list aArgs)
 {
@@ -83,11 +73,13 @@ void AssertRecord(const char *pszWhat, const char *pszText, const char *pszFile,
 
 } // namespace
 
+constinit thread_local intptr_t gDIndentDepth = 0;
+
 void DTraceStartRecord(const char *pszRegionName, uint8_t nLevel, const char *pszFile, int iLine,
                        const char *pszPrefix)
 {
     uint32_t dwElapsed = FPPltGetTime() - gDContext.dwTimeBase;
-    intptr_t iDepth = IndentDepth();
+    intptr_t iDepth = gDIndentDepth;
 
     struct timeval aNow;
     gettimeofday(&aNow, nullptr);
@@ -143,13 +135,13 @@ void _DOutput(void)
 void _DTraceIncIndentLevel(void)
 {
     Init();
-    SetIndentDepth(IndentDepth() + 1);
+    gDIndentDepth++;
 }
 
 void _DTraceDecIndentLevel(void)
 {
     Init();
-    SetIndentDepth(IndentDepth() - 1);
+    gDIndentDepth--;
 }
 
 void _DAssert(const char *pszExpression, const char *pszFile, int iLine)
@@ -238,11 +230,4 @@ void _DTraceExit(DTRACE_CALL *pCall, int iLine, const char *pszFormat, ...)
         FinishRecordV(pszFormat, aArgs);
         va_end(aArgs);
     }
-}
-
-DTRACE_CALL::~DTRACE_CALL()
-{
-    /* A path that returned without its exit record still gives back its indentation. */
-    if (bOpen)
-        _DTraceDecIndentLevel();
 }

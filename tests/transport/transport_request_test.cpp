@@ -9,6 +9,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <sys/eventfd.h>
 #include <thread>
 
 #include "../usbfs_standin.h"
@@ -27,6 +28,7 @@ struct Kernel {
     bool discardKeepsInFlight = false;
     std::map<unsigned long, int> failNext; // request -> errno of its next call
 } *gK;
+int gFd = 0x5A5A; // not a descriptor of this process (one case points it at an eventfd)
 
 uint8_t Pattern(uint32_t i)
 {
@@ -100,7 +102,7 @@ int Handle(unsigned long request, void *arg)
 
 } // namespace
 
-ZTUVC_USBFS_STANDIN(0x5A5A, Handle)
+ZTUVC_USBFS_STANDIN(gFd, Handle)
 
 namespace {
 
@@ -110,7 +112,7 @@ protected:
     void SetUp() override
     {
         gK = &kernel_;
-        ctx_->dwMagic = USBTR_CTX_MAGIC, ctx_->fdDevice = 0x5A5A;
+        ctx_->dwMagic = USBTR_CTX_MAGIC, ctx_->fdDevice = gFd;
         ctx_->iBulkReadEP = 0x83, ctx_->iIntReadEP = 0x82, ctx_->iIsoReadEP = 0x81;
         pthread_mutex_init(&ctx_->aIntReadLock, nullptr);
         pthread_mutex_init(&ctx_->aSyncSlotLock, nullptr);
@@ -211,6 +213,34 @@ TEST_F(Request, AReapByAnotherThreadAndAWaitWithoutEnd)
     EXPECT_EQ(USBTRDiscardRequest(ctx_.get(), &y), USBTR_STATUS_SUCCESS) << "discard of a completed one";
     kernel_.failNext[USBDEVFS_DISCARDURB] = EIO;
     EXPECT_EQ(USBTRDiscardRequest(ctx_.get(), &y), USBTR_STATUS_COMM_ERROR);
+}
+
+// A descriptor poll() can tell about but that never signals, as when another
+// thread reaped the completion: a waiter asleep in poll() still sees its mark
+// (with an infinite time-out, a wait bounded only by the signal never ends).
+TEST_F(Request, AWaiterInPollSeesAMarkSetByAnotherThread)
+{
+    const int efd = eventfd(0, EFD_CLOEXEC);
+    const uint64_t full = 0xfffffffffffffffeULL; // an eventfd at this count is never writable
+    ASSERT_EQ(write(efd, &full, sizeof(full)), ssize_t(sizeof(full)));
+    gFd = ctx_->fdDevice = efd;
+    USBTR_REQUEST req;
+    uint8_t data[8];
+    kernel_.answers = {-1};
+    USBTRPrepareRequest(ctx_.get(), &req, 0x83, 0x80, USB_TRANSFER_TYPE_BULK, data, sizeof(data));
+    EXPECT_EQ(USBTRSubmitRequest(ctx_.get(), &req), USBTR_STATUS_SUCCESS);
+    std::thread other([&] {
+        WaitFor([&] {
+            return std::any_of(kernel_.calls.begin(), kernel_.calls.end(),
+                               [](const auto &c) { return c.first == USBDEVFS_REAPURBNDELAY; });
+        });
+        CompleteFirstInFlight(8);
+        USBTRTryReapThisRequest(ctx_.get(), nullptr); // reaps and marks it
+    });
+    EXPECT_EQ(USBTRPollReapThisRequest(ctx_.get(), &req, USBTR_TIMEOUT_INFINITE), USBTR_STATUS_SUCCESS);
+    other.join();
+    gFd = 0x5A5A;
+    close(efd);
 }
 
 TEST_F(Request, InterruptReadsCancelShortAndWithoutEndpoint)

@@ -9,11 +9,13 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <linux/usbdevice_fs.h>
 #include <pthread.h>
 #include <sys/ioctl.h> /* the USBDEVFS_* request codes expand to _IO* */
 
 #include "../../common/usbtr/usbtrint.h"
+#include "../../trace/dtraces.h"
 
 /* ---- Transport status codes ------------------------------------------- */
 enum : int32_t {
@@ -180,6 +182,12 @@ constexpr int USB_TRANSFER_TYPE_CONTROL = USBDEVFS_URB_TYPE_CONTROL;
 constexpr int USB_TRANSFER_TYPE_BULK = USBDEVFS_URB_TYPE_BULK;
 constexpr uint32_t USBTR_TIMEOUT_INFINITE = 0xFFFFFFFF;
 constexpr uint32_t USBTR_REAP_POLL_US = 200;
+/* Longest sleep in poll() between reap passes: a completion that another
+ * thread reaps leaves nothing to wake on, so its mark is looked at after this. */
+constexpr int USBTR_REAP_WAIT_MS = 1;
+/* Wake-ups in a row with nothing to reap before a node counts as one that
+ * poll() cannot tell about. */
+constexpr uint32_t USBTR_POLL_BLIND_AFTER = 8;
 constexpr uint32_t USBTR_DISCARD_COLLECT_TIMEOUT = 1000;
 constexpr uint32_t USBTR_CANCEL_INT_READ = 4;
 
@@ -295,6 +303,10 @@ struct USBTR_CONTEXT {
     USBVD_LILO aLilo[USBVD_IMAGE_STATE_MAX];
     uint32_t aFrameStartTimes[USBVD_MAX_FRAMES];
     uint8_t aImageStates[USBVD_MAX_FRAMES];
+    /* poll() wake-ups in a row that found nothing to reap, shared by every
+     * waiter (atomic accesses); from USBTR_POLL_BLIND_AFTER on, the node is
+     * taken for one that poll() cannot tell about. */
+    uint32_t nPollMisses;
     pthread_mutex_t aSyncSlotLock;
     USBTR_SYNC_SLOT aSyncSlots[USBTR_SYNC_SLOT_COUNT];
     USBVD_ISO_REQUEST aIsoRequests[USBVD_ISO_REQUEST_COUNT];
@@ -396,8 +408,26 @@ void UnlockFD(USBTR_CONTEXT *pContext);
 int32_t USBTRIOCtlEx(USBTR_CONTEXT *pContext, unsigned long request, void *pArgument, int64_t *pnResult);
 int32_t USBTRIOCtlVal(USBTR_CONTEXT *pContext, unsigned long request, uint32_t dwValue,
                       const char *pszName);
-void USBTRPrepareRequest(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest, int iEndPoint, int iDirection,
-                         int iType, void *pBuffer, uint64_t nLength);
+/* Inline: the grab thread prepares every request again before submitting it. */
+inline void USBTRPrepareRequest(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest, int iEndPoint,
+                                int iDirection, int iType, void *pBuffer, uint64_t nLength)
+{
+    DASSERT(pContext != nullptr, "pContext");
+    DASSERT(pRequest != nullptr, "pRequest");
+    DASSERT(pBuffer != nullptr, "pBuffer");
+    DASSERT((iEndPoint & USB_TRANSFER_DIRECTION_MASK) == iDirection,
+            "(iEndPoint & USB_TRANSFER_DIRECTION_MASK) == iDirection");
+    if (pRequest == nullptr)
+        return;
+    memset(pRequest, 0, sizeof(*pRequest));
+    pRequest->type = static_cast<unsigned char>(iType);
+    pRequest->endpoint = static_cast<unsigned char>(iEndPoint);
+    pRequest->buffer = pBuffer;
+    pRequest->buffer_length = static_cast<int>(nLength);
+    DASSERT(iType != USB_TRANSFER_TYPE_BULK || nLength <= USB_MAX_BULK_TRANSFER,
+            "(iType != USB_TRANSFER_TYPE_BULK) || (nLength <= USB_MAX_BULK_TRANSFER)");
+}
+
 int32_t USBTRSubmitRequest(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest);
 int32_t USBTRPollReapThisRequest(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest, uint32_t dwTimeout);
 int32_t USBTRTryReapThisRequest(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest);

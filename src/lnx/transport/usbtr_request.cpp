@@ -7,6 +7,13 @@
  * what it reaps (usercontext := the record's own address, release store) and
  * every waiter decides from its own request's mark (acquire load).
  *
+ * Between reap passes a waiter sleeps in poll() on the node: usbfs signals
+ * POLLOUT while a completion waits to be reaped (POLLERR/POLLHUP once the
+ * device is gone).  A completion that another thread reaps leaves no signal,
+ * so the sleep lasts one millisecond at most.  A node that polls ready with
+ * nothing to reap (not a usbfs node) cannot tell; waiters on it fall back to
+ * fixed 200 us passes.
+ *
  * Synchronous transfers run in context-owned slots (request record + bounce
  * buffer).  A piece that was discarded but could not be collected stays with
  * its slot, orphaned, until some later reap marks it; only then is the slot
@@ -16,6 +23,7 @@
  */
 #include <cerrno>
 #include <cstring>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -35,9 +43,35 @@ int CommandNumber(unsigned long request)
     return static_cast<int>(_IOC_NR(request));
 }
 
+/* The status of a failed ioctl, from its errno. */
+__attribute__((noinline)) int32_t FailureStatus(USBTR_CONTEXT *pContext, unsigned long request, int iErrno)
+{
+    switch (iErrno) {
+    case EAGAIN:
+        return USBTR_STATUS_TIMEOUT;
+    case EPERM:
+    case EACCES:
+        DTRACE(_DRegion_usbtr, DTRACE_LEVEL_ERROR, "Access denied");
+        return USBTR_STATUS_ACCESS_DENIED;
+    case ENODEV:
+        USBTRSetStatusFlag(pContext, USBTR_SF_DISCONNECTED);
+        UnlockFD(pContext);
+        DTRACE(_DRegion_usbtr, DTRACE_LEVEL_ERROR, "Device disconnected");
+        return USBTR_STATUS_COMM_ERROR;
+    default:
+        /* EINVAL on a discard only means the request already completed. */
+        if (_DIsTraceEnabled(&_DRegion_usbtr, DTRACE_LEVEL_ERROR) &&
+            !(CommandNumber(request) == CommandNumber(USBDEVFS_DISCARDURB) && iErrno == EINVAL))
+            DTRACE(_DRegion_usbtr, DTRACE_LEVEL_ERROR, "ioctl(%i) failed: %s", CommandNumber(request),
+                   strerror(iErrno));
+        return USBTR_STATUS_COMM_ERROR;
+    }
+}
+
 /* The ioctl with its status mapping; *piErrno receives the errno of a failed
  * system call, 0 otherwise (also when no call was made). */
-int32_t IOCtl(USBTR_CONTEXT *pContext, unsigned long request, void *pArgument, int64_t *pnResult, int *piErrno)
+__attribute__((always_inline)) inline int32_t IOCtl(USBTR_CONTEXT *pContext, unsigned long request,
+                                                     void *pArgument, int64_t *pnResult, int *piErrno)
 {
     DTRACE_ENTER_AS(aCall, _DRegion_usbtr, DTRACE_LEVEL_LOUD, "USBTRIOCtlEx", "%s(%p,%i,%p,%p)",
                     static_cast<void *>(pContext), static_cast<int>(request), pArgument,
@@ -51,41 +85,99 @@ int32_t IOCtl(USBTR_CONTEXT *pContext, unsigned long request, void *pArgument, i
         iStatus = USBTR_STATUS_COMM_ERROR;
     } else {
         int iResult = ioctl(pContext->fdDevice, request, pArgument);
-        int iErrno = errno;
+        if (iResult < 0)
+            *piErrno = errno;
         DTRACE(_DRegion_usbtr, DTRACE_LEVEL_LOUD, "ioctl() --> %i", iResult);
         if (iResult >= 0) {
             if (pnResult != nullptr)
                 *pnResult = iResult;
         } else {
-            *piErrno = iErrno;
-            switch (iErrno) {
-            case EAGAIN:
-                iStatus = USBTR_STATUS_TIMEOUT;
-                break;
-            case EPERM:
-            case EACCES:
-                DTRACE(_DRegion_usbtr, DTRACE_LEVEL_ERROR, "Access denied");
-                iStatus = USBTR_STATUS_ACCESS_DENIED;
-                break;
-            case ENODEV:
-                USBTRSetStatusFlag(pContext, USBTR_SF_DISCONNECTED);
-                UnlockFD(pContext);
-                DTRACE(_DRegion_usbtr, DTRACE_LEVEL_ERROR, "Device disconnected");
-                iStatus = USBTR_STATUS_COMM_ERROR;
-                break;
-            default:
-                iStatus = USBTR_STATUS_COMM_ERROR;
-                /* EINVAL on a discard only means the request already completed. */
-                if (_DIsTraceEnabled(&_DRegion_usbtr, DTRACE_LEVEL_ERROR) &&
-                    !(CommandNumber(request) == CommandNumber(USBDEVFS_DISCARDURB) && iErrno == EINVAL))
-                    DTRACE(_DRegion_usbtr, DTRACE_LEVEL_ERROR, "ioctl(%i) failed: %s", CommandNumber(request),
-                           strerror(iErrno));
-                break;
-            }
+            iStatus = FailureStatus(pContext, request, *piErrno);
         }
     }
     DTRACE_EXIT(aCall, "%s() --> %d", iStatus);
     return iStatus;
+}
+
+/* USBTRIOCtlEx, inline in the engine's own hot paths. */
+__attribute__((always_inline)) inline int32_t IOCtlEx(USBTR_CONTEXT *pContext, unsigned long request,
+                                                       void *pArgument, int64_t *pnResult)
+{
+    int iErrno;
+    int32_t iStatus = IOCtl(pContext, request, pArgument, pnResult, &iErrno);
+    /* Callers that report the failure themselves still find its errno. */
+    if (iErrno != 0)
+        errno = iErrno;
+    return iStatus;
+}
+
+/* One reap pass (the records are USBTRTryReapThisRequest's); *pbReaped tells
+ * whether it collected any request at all. */
+__attribute__((always_inline)) inline int32_t TryReap(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest,
+                                                      bool *pbReaped)
+{
+    DTRACE_ENTER_AS(aCall, _DRegion_usbtr, DTRACE_LEVEL_LOUD, "USBTRTryReapThisRequest", "%s(%p,%p)",
+                    static_cast<void *>(pContext), static_cast<void *>(pRequest));
+    /* A null pRequest waits for nothing: the pass drains what is ready. */
+    int32_t iStatus;
+    for (;;) {
+        void *pReaped = nullptr;
+        iStatus = IOCtlEx(pContext, USBDEVFS_REAPURBNDELAY, &pReaped, nullptr);
+        if (iStatus != USBTR_STATUS_SUCCESS)
+            break;
+        if (pReaped == nullptr) {
+            DERROR("USBTR_STATUS_GENERAL_ERROR");
+            iStatus = USBTR_STATUS_GENERAL_ERROR;
+            break;
+        }
+        USBTR_REQUEST *pDone = static_cast<USBTR_REQUEST *>(pReaped);
+        USBTRSetRequestMark(pDone, pDone);
+        *pbReaped = true;
+        if (pDone == pRequest)
+            break;
+    }
+    /* Another thread may have reaped it for us. */
+    if (pRequest != nullptr && USBTRRequestMark(pRequest) != nullptr)
+        iStatus = USBTR_STATUS_SUCCESS;
+    DTRACE_EXIT(aCall, "%s() --> %d", iStatus);
+    return iStatus;
+}
+
+/* Sleeps until the next reap pass; true when poll() said that a completion
+ * (or the device's end) is there to be reaped. */
+bool WaitBeforeNextPass(USBTR_CONTEXT *pContext, bool bAfterMiss)
+{
+    std::atomic_ref<uint32_t> aMisses(pContext->nPollMisses);
+    /* Right after a wake-up that found nothing, sleep the fixed pass: a node
+     * that always polls ready must not make the waiter spin. */
+    if (!bAfterMiss && aMisses.load(std::memory_order_relaxed) < USBTR_POLL_BLIND_AFTER) {
+        struct pollfd aPoll = {pContext->fdDevice, POLLOUT, 0};
+        int n = poll(&aPoll, 1, USBTR_REAP_WAIT_MS);
+        if (n <= 0)
+            return false; /* the interval passed (or a signal came) */
+        if ((aPoll.revents & POLLNVAL) == 0)
+            return true;
+        /* Not an open descriptor: poll() cannot tell anything about it. */
+        aMisses.store(USBTR_POLL_BLIND_AFTER, std::memory_order_relaxed);
+    }
+    usleep(USBTR_REAP_POLL_US);
+    return false;
+}
+
+/* After a pass that poll() woke: a pass that found something resets the
+ * count of misses, one that found nothing adds to it. */
+bool NoteWakeUp(USBTR_CONTEXT *pContext, bool bReaped)
+{
+    std::atomic_ref<uint32_t> aMisses(pContext->nPollMisses);
+    uint32_t n = aMisses.load(std::memory_order_relaxed);
+    if (bReaped) {
+        if (n != 0 && n < USBTR_POLL_BLIND_AFTER)
+            aMisses.store(0, std::memory_order_relaxed);
+        return false;
+    }
+    if (n < USBTR_POLL_BLIND_AFTER)
+        aMisses.store(n + 1, std::memory_order_relaxed);
+    return true;
 }
 
 void LockOrReport(pthread_mutex_t *pLock)
@@ -144,12 +236,7 @@ void ReleaseSlot(USBTR_CONTEXT *pContext, USBTR_SYNC_SLOT *pSlot, uint32_t dwSta
 
 int32_t USBTRIOCtlEx(USBTR_CONTEXT *pContext, unsigned long request, void *pArgument, int64_t *pnResult)
 {
-    int iErrno;
-    int32_t iStatus = IOCtl(pContext, request, pArgument, pnResult, &iErrno);
-    /* Callers that report the failure themselves still find its errno. */
-    if (iErrno != 0)
-        errno = iErrno;
-    return iStatus;
+    return IOCtlEx(pContext, request, pArgument, pnResult);
 }
 
 int32_t USBTRIOCtlVal(USBTR_CONTEXT *pContext, unsigned long request, uint32_t dwValue, const char *pszName)
@@ -161,31 +248,12 @@ int32_t USBTRIOCtlVal(USBTR_CONTEXT *pContext, unsigned long request, uint32_t d
     return iStatus;
 }
 
-void USBTRPrepareRequest(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest, int iEndPoint, int iDirection,
-                         int iType, void *pBuffer, uint64_t nLength)
-{
-    DASSERT(pContext != nullptr, "pContext");
-    DASSERT(pRequest != nullptr, "pRequest");
-    DASSERT(pBuffer != nullptr, "pBuffer");
-    DASSERT((iEndPoint & USB_TRANSFER_DIRECTION_MASK) == iDirection,
-            "(iEndPoint & USB_TRANSFER_DIRECTION_MASK) == iDirection");
-    if (pRequest == nullptr)
-        return;
-    memset(pRequest, 0, sizeof(*pRequest));
-    pRequest->type = static_cast<unsigned char>(iType);
-    pRequest->endpoint = static_cast<unsigned char>(iEndPoint);
-    pRequest->buffer = pBuffer;
-    pRequest->buffer_length = static_cast<int>(nLength);
-    DASSERT(iType != USB_TRANSFER_TYPE_BULK || nLength <= USB_MAX_BULK_TRANSFER,
-            "(iType != USB_TRANSFER_TYPE_BULK) || (nLength <= USB_MAX_BULK_TRANSFER)");
-}
-
 int32_t USBTRSubmitRequest(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest)
 {
     DTRACE_ENTER(aCall, _DRegion_usbtr, DTRACE_LEVEL_LOUD, "%s(%p,%p)", static_cast<void *>(pContext),
                  static_cast<void *>(pRequest));
     USBTRSetRequestMark(pRequest, nullptr);
-    int32_t iStatus = USBTRIOCtlEx(pContext, USBDEVFS_SUBMITURB, pRequest, nullptr);
+    int32_t iStatus = IOCtlEx(pContext, USBDEVFS_SUBMITURB, pRequest, nullptr);
     if (iStatus != USBTR_STATUS_SUCCESS)
         DTRACE(_DRegion_usbtr, DTRACE_LEVEL_ERROR, "USBTRIOCtl(IOCTL_USB_SUBMITURB) --> %d", iStatus);
     DTRACE_EXIT(aCall, "%s() --> %d", iStatus);
@@ -203,30 +271,8 @@ int32_t USBTRDiscardRequest(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest)
 
 int32_t USBTRTryReapThisRequest(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest)
 {
-    DTRACE_ENTER(aCall, _DRegion_usbtr, DTRACE_LEVEL_LOUD, "%s(%p,%p)", static_cast<void *>(pContext),
-                 static_cast<void *>(pRequest));
-    /* A null pRequest waits for nothing: the pass drains what is ready. */
-    int32_t iStatus;
-    for (;;) {
-        void *pReaped = nullptr;
-        iStatus = USBTRIOCtlEx(pContext, USBDEVFS_REAPURBNDELAY, &pReaped, nullptr);
-        if (iStatus != USBTR_STATUS_SUCCESS)
-            break;
-        if (pReaped == nullptr) {
-            DERROR("USBTR_STATUS_GENERAL_ERROR");
-            iStatus = USBTR_STATUS_GENERAL_ERROR;
-            break;
-        }
-        USBTR_REQUEST *pDone = static_cast<USBTR_REQUEST *>(pReaped);
-        USBTRSetRequestMark(pDone, pDone);
-        if (pDone == pRequest)
-            break;
-    }
-    /* Another thread may have reaped it for us. */
-    if (pRequest != nullptr && USBTRRequestMark(pRequest) != nullptr)
-        iStatus = USBTR_STATUS_SUCCESS;
-    DTRACE_EXIT(aCall, "%s() --> %d", iStatus);
-    return iStatus;
+    bool bReaped = false;
+    return TryReap(pContext, pRequest, &bReaped);
 }
 
 int32_t USBTRPollReapThisRequest(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest, uint32_t dwTimeout)
@@ -237,14 +283,26 @@ int32_t USBTRPollReapThisRequest(USBTR_CONTEXT *pContext, USBTR_REQUEST *pReques
     DASSERT(dwTimeout != 0, "dwTimeout");
     int32_t iStatus = USBTR_STATUS_GENERAL_ERROR;
     if (pRequest != nullptr) {
-        const uint32_t dwStart = FPPltGetTime();
+        /* The clock is read only once the first pass has found nothing: a
+         * request that is already there costs no clock reading. */
+        uint32_t dwStart = 0;
+        bool bWaited = false;
+        bool bWoken = false; /* the last wait ended by poll() saying ready */
+        bool bMissed = false;
         for (;;) {
-            iStatus = USBTRTryReapThisRequest(pContext, pRequest);
+            bool bReaped = false;
+            iStatus = TryReap(pContext, pRequest, &bReaped);
+            if (bWoken)
+                bMissed = NoteWakeUp(pContext, bReaped || iStatus != USBTR_STATUS_TIMEOUT);
             if (iStatus != USBTR_STATUS_TIMEOUT)
                 break;
-            if (dwTimeout != USBTR_TIMEOUT_INFINITE && FPPltGetTime() - dwStart > dwTimeout)
+            if (!bWaited) {
+                dwStart = FPPltGetTime();
+                bWaited = true;
+            } else if (dwTimeout != USBTR_TIMEOUT_INFINITE && FPPltGetTime() - dwStart > dwTimeout) {
                 break;
-            usleep(USBTR_REAP_POLL_US);
+            }
+            bWoken = WaitBeforeNextPass(pContext, bWoken && bMissed);
         }
     }
     DTRACE_EXIT(aCall, "%s() --> %d", iStatus);

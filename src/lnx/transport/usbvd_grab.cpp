@@ -112,6 +112,7 @@ struct USBVD_ASSEMBLY {
     uint32_t dwFrameStart;
     int32_t iLastFid;
     uint8_t nImageIndex;
+    uint8_t *pSlot; /* the slot's image, null without a slot */
     bool bOverflow;
     bool bPayloadSeen;
 };
@@ -147,6 +148,7 @@ static void USBVDFrameBoundary(USBTR_CONTEXT *pContext, USBVD_ASSEMBLY *pAsm, in
             }
         }
         pAsm->nImageIndex = (uint8_t)LILOGet(pContext, USBVD_IMAGE_STATE_FREE);
+        pAsm->pSlot = pAsm->nImageIndex != USBVD_NO_SLOT ? pContext->aImages[pAsm->nImageIndex] : nullptr;
         pthread_mutex_unlock(&pContext->aGrabLock);
         pAsm->bPayloadSeen = true;
     } else if (pAsm->nImageOffset != 0) {
@@ -171,30 +173,31 @@ static inline void USBVDAssemble(USBTR_CONTEXT *pContext, USBVD_ASSEMBLY *pAsm,
 {
     for (uint32_t k = 0; k < USBVD_ISO_PACKET_COUNT; k++, pBuffer += USBVD_ISO_PACKET_SIZE) {
         uint32_t n = pRequest->aPackets[k].actual_length;
-        if (n < USBVD_PAYLOAD_HEADER_SIZE) {
-            if (n != 0)
-                DTRACE(_DRegion_usbvd, DTRACE_LEVEL_ERROR, "Too small frame of %uB\n", n);
-            continue;
-        }
-        /* Never read past the packet's own part of the buffer. */
-        if (n > USBVD_ISO_PACKET_SIZE)
+        /* One test for the usual packet: a header and at most a packet's bytes. */
+        if (__builtin_expect(n - USBVD_PAYLOAD_HEADER_SIZE > USBVD_ISO_PACKET_SIZE - USBVD_PAYLOAD_HEADER_SIZE, 0)) {
+            if (n < USBVD_PAYLOAD_HEADER_SIZE) {
+                if (n != 0)
+                    DTRACE(_DRegion_usbvd, DTRACE_LEVEL_ERROR, "Too small frame of %uB\n", n);
+                continue;
+            }
+            /* Never read past the packet's own part of the buffer. */
             n = USBVD_ISO_PACKET_SIZE;
+        }
 
         int32_t iFid = pBuffer[1] & USBVD_PAYLOAD_FID;
-        if (iFid != pAsm->iLastFid)
+        if (__builtin_expect(iFid != pAsm->iLastFid, 0))
             USBVDFrameBoundary(pContext, pAsm, iFid);
 
         uint32_t d = n - USBVD_PAYLOAD_HEADER_SIZE;
         uint32_t nRoom = pAsm->nRealImageLength - pAsm->nImageOffset;
-        if (d > nRoom) {
+        if (__builtin_expect(d > nRoom, 0)) {
             DTRACE(_DRegion_usbvd, DTRACE_LEVEL_WARNING, "%s: cutting last data from %u to %u",
                    "USBDVGrabThread", d, nRoom);
             d = nRoom;
             pAsm->bOverflow = true;
         }
-        if (pAsm->nImageIndex != USBVD_NO_SLOT && d != 0)
-            memcpy(pContext->aImages[pAsm->nImageIndex] + pAsm->nImageOffset,
-                   pBuffer + USBVD_PAYLOAD_HEADER_SIZE, d);
+        if (pAsm->pSlot != nullptr && d != 0)
+            memcpy(pAsm->pSlot + pAsm->nImageOffset, pBuffer + USBVD_PAYLOAD_HEADER_SIZE, d);
         pAsm->nImageOffset += d;
     }
 }
@@ -204,7 +207,10 @@ static inline void USBVDAssemble(USBTR_CONTEXT *pContext, USBVD_ASSEMBLY *pAsm,
  * (the request is then discarded with the rest of the ring). */
 static int32_t USBVDWaitRequest(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest, bool *pbStopped)
 {
-    uint32_t dwStart = FPPltGetTime();
+    /* The clock is read only once a slice has timed out: the slice itself
+     * took more than USBVD_STOP_POLL, which places the start of the wait. */
+    uint32_t dwStart = 0;
+    bool bSliced = false;
     for (;;) {
         int32_t iStatus = USBTRPollReapThisRequest(pContext, pRequest, USBVD_STOP_POLL);
         if (iStatus != USBTR_STATUS_TIMEOUT)
@@ -213,7 +219,12 @@ static int32_t USBVDWaitRequest(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest
             *pbStopped = true;
             return USBTR_STATUS_SUCCESS;
         }
-        if (FPPltGetTime() - dwStart >= USBVD_ISO_REAP_TIMEOUT)
+        uint32_t dwNow = FPPltGetTime();
+        if (!bSliced) {
+            dwStart = dwNow - (USBVD_STOP_POLL + 1);
+            bSliced = true;
+        }
+        if (dwNow - dwStart >= USBVD_ISO_REAP_TIMEOUT)
             return USBTR_STATUS_TIMEOUT;
     }
 }
@@ -225,6 +236,7 @@ static int32_t USBVDStreamLoop(USBTR_CONTEXT *pContext, uint32_t nRealImageLengt
     aAsm.nImageOffset = nRealImageLength;
     aAsm.iLastFid = -1;
     aAsm.nImageIndex = USBVD_NO_SLOT;
+    aAsm.pSlot = nullptr;
     aAsm.bOverflow = false;
     aAsm.bPayloadSeen = false;
     uint32_t dwLoopStart = FPPltGetTime();

@@ -8,7 +8,7 @@ packages=(
   libgtest-dev libgmock-dev
   umockdev libumockdev-dev
   libusb-1.0-0-dev libuvc-dev
-  libpng-dev
+  libpng-dev nlohmann-json3-dev
   clang libclang-rt-dev
   valgrind
 )

@@ -18,7 +18,7 @@ TEST(SimRunner, RunsTheCommandAgainstStreamingReaders) {
     r = run({"--model", "10", "--", ZTUVC_TOOL, "capture", "-o", dir + "/fp.pgm"});
     EXPECT_NE(r.err.find("ztuvc-sim: 1 simulated Tessary 10 Fingerprint Reader (640 x 480"), std::string::npos) << r.err;
     std::vector<uint8_t> fp = tooltest::readImage(dir + "/fp.pgm");
-    ASSERT_EQ(fp.size(), 640u * 480);
+    ASSERT_EQ(fp.size(), 640u * 480) << r.err;
     EXPECT_NE(sim::firstPatternMismatch(fp.data(), fp.size(), sim::frameNumberOf(fp.data())), -1) << "fingerprints by default";
     EXPECT_EQ(run({"-q", "--readers", "0", "--", ZTUVC_TOOL, "list"}).code, 3);
     EXPECT_EQ(run({"-q", "--", "/bin/sh", "-c", "kill -TERM $$"}).code, 128 + SIGTERM) << "its status comes back";

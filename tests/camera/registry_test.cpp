@@ -1,228 +1,84 @@
-// The camera registry: enumeration merge, handle stability, index access,
-// capacity and the library lifecycle, through the shared library against
-// simulated readers.
-#include "camera_test.h"
+// The registry, handle validation, the library lifecycle and open/close,
+// through the shared library against simulated readers.
+#include "simtest.h"
 
+#include <array>
+#include <functional>
 #include <set>
 
-using namespace camtest;
 using sim::Model;
 
 namespace {
 
-class Registry : public CameraTest {};
+class Registry : public sim::CameraTest {};
+class Lifecycle : public sim::SimTest {};  // without the fixture's camera_init
 
-// Registry tests that must run without the fixture's camera_init.
-class RegistryNoInit : public sim::SimTest {};
-
-}  // namespace
-
-TEST_F(RegistryNoInit, EmptyBeforeEnumerationAndUnchangedWithoutInit)
-{
-    addReader(Model::T30);
-    EXPECT_EQ(camera_device_count(), 0u);
-    EXPECT_EQ(camera_get_by_index(0), nullptr);
-
-    // Without camera_init the transport has no library handle: nothing changes.
-    camera_device_enumerate(nullptr, 0);
-    EXPECT_EQ(camera_device_count(), 0u);
-    EXPECT_EQ(camera_get_by_index(0), nullptr);
-
-    camera_init();
-    EXPECT_EQ(camera_device_count(), 0u) << "init alone must not fill the registry";
-    camera_device_enumerate(nullptr, 0);
-    EXPECT_EQ(camera_device_count(), 1u);
-    camera_cleanup();
-}
-
-TEST_F(RegistryNoInit, HandlesSurviveCleanupAndInit)
+TEST_F(Lifecycle, InitIsCountedAndTheRegistryOutlivesCleanup)
 {
     auto& a = addReader(Model::T10);
     auto& b = addReader(Model::T30);
+    camera_device_enumerate(nullptr, 0);  // no init: no transport, nothing found
+    EXPECT_EQ(camera_device_count(), 0u);
     camera_init();
-    camera_device_enumerate(nullptr, 0);
-    ASSERT_EQ(camera_device_count(), 2u);
-    const auto before = registry();
+    camera_init();
+    EXPECT_EQ(camera_device_count(), 0u) << "init alone must not fill the registry";
     camera_cleanup();
-
-    // The registry outlives the transport; its records still answer.
-    EXPECT_EQ(registry(), before);
-    CAMERA_HANDLE ha = handleOf(a);
-    ASSERT_NE(ha, nullptr);
-    EXPECT_EQ(camera_get_pid(ha), a.productId());
-
-    // Enumerating while uninitialised changes nothing, even with a reader gone.
+    camera_device_enumerate(nullptr, 0);  // still initialised once
+    ASSERT_EQ(camera_device_count(), 2u);
+    CAMERA_HANDLE ha = sim::handleOf(a);
+    camera_cleanup();
+    // Shut down: records still answer, enumeration changes nothing.
     b.unplug();
     camera_device_enumerate(nullptr, 0);
-    EXPECT_EQ(registry(), before);
-
-    camera_init();
-    camera_device_enumerate(nullptr, 0);
-    ASSERT_EQ(camera_device_count(), 1u);
-    EXPECT_EQ(camera_get_by_index(0), ha) << "the surviving reader keeps its handle";
-    camera_cleanup();
-}
-
-TEST_F(RegistryNoInit, InitIsCountedAndLastCleanupShutsDown)
-{
-    addReader(Model::T30);
-    camera_init();
-    camera_init();
-    camera_cleanup();
-    // Still initialised: enumeration works.
-    camera_device_enumerate(nullptr, 0);
-    EXPECT_EQ(camera_device_count(), 1u);
-
-    camera_cleanup();
-    // Shut down: a new reader is not picked up.
-    addReader(Model::T20);
-    camera_device_enumerate(nullptr, 0);
-    EXPECT_EQ(camera_device_count(), 1u);
-
-    // And a new init brings it back.
-    camera_init();
-    camera_device_enumerate(nullptr, 0);
     EXPECT_EQ(camera_device_count(), 2u);
+    EXPECT_EQ(camera_get_pid(ha), a.productId());
+    camera_init();
+    camera_device_enumerate(nullptr, 0);
+    EXPECT_EQ(camera_device_count(), 1u);
+    EXPECT_EQ(camera_get_by_index(0), ha) << "the survivor keeps its handle and index";
     camera_cleanup();
 }
 
-TEST_F(Registry, ReadersAreListedInDiscoveryOrderAndKeepTheirHandles)
-{
-    std::vector<sim::Reader*> readers = {&addReader(Model::T10), &addReader(Model::T20),
-                                         &addReader(Model::T30)};
-    testbed().addUnsupported(0x046d, 0xc077);  // not a reader: never listed
-    enumerate();
-    ASSERT_EQ(camera_device_count(), 3u);
-    EXPECT_EQ(registryNames(), expectedOrder(readers));
-
-    const auto first = registry();
-    enumerate();
-    camera_device_enumerate(reinterpret_cast<void*>(0x1234), 77);  // arguments have no effect
-    EXPECT_EQ(registry(), first) << "re-enumeration must neither create nor delete records";
-    EXPECT_EQ(std::set<CAMERA_HANDLE>(first.begin(), first.end()).size(), 3u);
-}
-
-TEST_F(Registry, NewReadersAreAppendedAfterSurvivors)
-{
-    auto& a = addReader(Model::T30);
-    enumerate();
-    ASSERT_EQ(camera_device_count(), 1u);
-    CAMERA_HANDLE ha = camera_get_by_index(0);
-
-    std::vector<sim::Reader*> added = {&addReader(Model::T10), &addReader(Model::T20),
-                                       &addReader(Model::T40)};
-    enumerate();
-    ASSERT_EQ(camera_device_count(), 4u);
-    EXPECT_EQ(camera_get_by_index(0), ha);
-    EXPECT_STREQ(camera_get_filename(ha), a.cameraName().c_str());
-    auto names = registryNames();
-    EXPECT_EQ(std::vector<std::string>(names.begin() + 1, names.end()), expectedOrder(added));
-}
-
-TEST_F(Registry, UnplugOfOpenReaderClosesItAndMovesTheLastRecord)
-{
-    auto& a = addReader(Model::T10);
-    addReader(Model::T20);
-    addReader(Model::T30);
-    enumerate();
-    ASSERT_EQ(camera_device_count(), 3u);
-    const auto before = registry();
-
-    // Open the reader at index 0.
-    CAMERA_HANDLE h0 = before[0];
-    sim::Reader* r0 = nullptr;
-    for (auto* r : testbed().devices())
-        if (r->cameraName() == camera_get_filename(h0))
-            r0 = r;
-    ASSERT_NE(r0, nullptr);
-    ASSERT_EQ(open(h0), 0);
-    EXPECT_EQ(nodeFds(), 1u);
-
-    r0->unplug();
-    enumerate();
-    ASSERT_EQ(camera_device_count(), 2u);
-    EXPECT_EQ(camera_get_by_index(0), before[2]) << "the last record takes the freed index";
-    EXPECT_EQ(camera_get_by_index(1), before[1]);
-    EXPECT_EQ(camera_get_by_index(2), nullptr);
-    EXPECT_EQ(nodeFds(), 0u) << "the open reader's node must be closed";
-
-    // The deleted record's handle is unknown now.
-    EXPECT_EQ(camera_get_filename(h0), nullptr);
-    EXPECT_EQ(camera_get_vid(h0), CAMERA_ERR_NO_DEVICE);
-    EXPECT_EQ(camera_open(h0), CAMERA_ERR_NO_DEVICE);
-    (void)a;
-}
-
-TEST_F(Registry, DeletionOfSeveralRecordsKeepsTheRestConsistent)
+// Order of discovery, survivors first, the last record into a freed index,
+// and the open camera of a vanished reader closed.
+TEST_F(Registry, EnumerationMergesAndDeletes)
 {
     std::vector<sim::Reader*> rs;
-    for (int i = 0; i < 6; ++i)
-        rs.push_back(&addReader(i % 2 ? Model::T10 : Model::T30));
+    for (int i = 0; i < 5; ++i) rs.push_back(&addReader(i % 2 ? Model::T10 : Model::T30));
+    testbed().addUnsupported(0x046d, 0xc077);  // never listed
     enumerate();
-    ASSERT_EQ(camera_device_count(), 6u);
-    const auto before = registry();
+    ASSERT_EQ(camera_device_count(), 5u);
+    const auto before = sim::registry();
+    camera_device_enumerate(reinterpret_cast<void*>(0x1234), 77);  // arguments have no effect
+    EXPECT_EQ(sim::registry(), before);
+    EXPECT_EQ(std::set<CAMERA_HANDLE>(before.begin(), before.end()).size(), 5u);
+    EXPECT_TRUE(camera_get_by_index(5) == nullptr && camera_get_by_index(0xFFFFFFFFu) == nullptr);
+    EXPECT_EQ(camera_get_by_vid_pid(sim::kVendorId, rs[0]->productId()), nullptr);  // not offered
 
-    // Remove the readers at registry indices 0, 3 and 5.
-    std::set<std::string> gone;
-    for (int idx : {0, 3, 5})
-        gone.insert(camera_get_filename(before[idx]));
+    // Open the readers at indices 0 and 4 (the last: its lookup must work),
+    // then unplug 0 and 3.
+    ASSERT_EQ(open(before[0]), 0);
+    ASSERT_EQ(open(before[4]), 0);
     for (auto* r : rs)
-        if (gone.count(r->cameraName()))
-            r->unplug();
+        if (r->cameraName() == camera_get_filename(before[0]) || r->cameraName() == camera_get_filename(before[3])) r->unplug();
     enumerate();
-
-    // Walking down: 5 goes; 4 moves into 3; then 0 gets the record now last,
-    // which is that same record from 4.
-    std::vector<CAMERA_HANDLE> expected = {before[4], before[1], before[2]};
-    EXPECT_EQ(registry(), expected);
-    EXPECT_EQ(camera_get_by_index(3), nullptr);
-
-    // Everything gone: the registry empties.
-    for (auto* r : rs)
-        if (r->plugged())
-            r->unplug();
+    // Walking down: 3 goes, 4 moves in; then 0 gets the record now last (4's).
+    EXPECT_EQ(sim::registry(), (std::vector<CAMERA_HANDLE>{before[4], before[1], before[2]}));
+    EXPECT_EQ(sim::nodeFdCount(), 1u) << "the vanished reader's node must be closed";
+    EXPECT_GE(camera_xu_sensor_read(before[4], 0), 0) << "moved, still open";
+    // Dead handles, checked before a new record may reuse their memory.
+    EXPECT_TRUE(camera_get_filename(before[0]) == nullptr && camera_open(before[3]) == CAMERA_ERR_NO_DEVICE);
+    auto& added = addReader(Model::T40);
+    enumerate();
+    EXPECT_EQ(sim::registry(), (std::vector<CAMERA_HANDLE>{before[4], before[1], before[2], sim::handleOf(added)}));
+    for (auto* r : testbed().devices())
+        if (r->plugged()) r->unplug();
     enumerate();
     EXPECT_EQ(camera_device_count(), 0u);
-    EXPECT_EQ(camera_get_by_index(0), nullptr);
+    EXPECT_EQ(sim::nodeFdCount(), 0u);
 }
 
-TEST_F(Registry, ReplugGivesANewHandle)
-{
-    auto& a = addReader(Model::T30);
-    enumerate();
-    CAMERA_HANDLE old = handleOf(a);
-    ASSERT_NE(old, nullptr);
-    a.unplug();
-    auto& b = addReader(Model::T30);  // same model, new device number
-    ASSERT_NE(a.cameraName(), b.cameraName());
-    enumerate();
-    ASSERT_EQ(camera_device_count(), 1u);
-    CAMERA_HANDLE now = camera_get_by_index(0);
-    EXPECT_STREQ(camera_get_filename(now), b.cameraName().c_str());
-    // The handle is the record's address: the allocator may hand the freed
-    // record's memory to the new one.  When it does not, the old handle is dead.
-    if (now != old) {
-        EXPECT_EQ(camera_get_pid(old), CAMERA_ERR_NO_DEVICE);
-    }
-}
-
-TEST_F(Registry, IndexOutOfRangeAndVidPidLookupGiveNull)
-{
-    auto& a = addReader(Model::T30);
-    addReader(Model::T10);
-    enumerate();
-    ASSERT_EQ(camera_device_count(), 2u);
-    EXPECT_NE(camera_get_by_index(1), nullptr);
-    EXPECT_EQ(camera_get_by_index(2), nullptr);
-    EXPECT_EQ(camera_get_by_index(1024), nullptr);
-    EXPECT_EQ(camera_get_by_index(0x80000000u), nullptr);
-    EXPECT_EQ(camera_get_by_index(0xFFFFFFFFu), nullptr);
-    // Not offered, even for an attached reader's ids.
-    EXPECT_EQ(camera_get_by_vid_pid(a.vendorId(), a.productId()), nullptr);
-    EXPECT_EQ(camera_get_by_vid_pid(0, 0), nullptr);
-}
-
-TEST_F(Registry, IdentityComesFromTheEnumerationThatCreatedTheRecord)
+TEST_F(Registry, IdentityComesFromTheFirstEnumeration)
 {
     sim::DeviceOptions o;
     o.manufacturer = std::string("Maker One");
@@ -231,34 +87,127 @@ TEST_F(Registry, IdentityComesFromTheEnumerationThatCreatedTheRecord)
     o.bcdDevice = 0x8123;  // above 0x7fff: must come back positive
     auto& a = addReader(Model::T20, o);
     sim::DeviceOptions p;
-    p.serial = std::nullopt;  // no serial file
-    p.product = std::nullopt; // no product file: the model name stands in
+    p.serial = std::nullopt;   // empty, not NULL
+    p.product = std::nullopt;  // the model name stands in
     auto& b = addReader(Model::T10, p);
     enumerate();
-    CAMERA_HANDLE ha = handleOf(a), hb = handleOf(b);
+    CAMERA_HANDLE ha = sim::handleOf(a), hb = sim::handleOf(b);
     ASSERT_NE(ha, nullptr);
     ASSERT_NE(hb, nullptr);
-
-    // Closed cameras answer every identity query.
-    EXPECT_EQ(camera_get_vid(ha), 0x3A5C);
-    EXPECT_EQ(camera_get_pid(ha), a.productId());
     EXPECT_EQ(camera_get_revision(ha), 0x8123);
     EXPECT_STREQ(camera_get_manufacturer_name(ha), "Maker One");
     EXPECT_STREQ(camera_get_product_name(ha), "Reader X");
     EXPECT_STREQ(camera_get_serialnumber(ha), "SN-0042");
-    EXPECT_STREQ(camera_get_filename(ha), a.cameraName().c_str());
-    char expectedName[64];
-    snprintf(expectedName, sizeof expectedName, "3a5c_%04x_8123_%03u_%s", a.productId(), a.busnum(),
-             a.sysfsName().c_str());
-    EXPECT_STREQ(camera_get_filename(ha), expectedName);
-
-    ASSERT_NE(camera_get_serialnumber(hb), nullptr) << "a missing serial is empty, not NULL";
+    char name[64];
+    snprintf(name, sizeof name, "3a5c_000c_8123_%03u_%s", a.busnum(), a.sysfsName().c_str());
+    EXPECT_STREQ(camera_get_filename(ha), name);
     EXPECT_STREQ(camera_get_serialnumber(hb), "");
     EXPECT_STREQ(camera_get_product_name(hb), sim::modelInfo(Model::T10).name);
-    EXPECT_EQ(camera_get_revision(hb), 0x0100);
-
-    // Strings point into the record: stable across calls and enumerations.
     const char* s1 = camera_get_serialnumber(ha);
     enumerate();
-    EXPECT_EQ(camera_get_serialnumber(ha), s1);
+    EXPECT_EQ(camera_get_serialnumber(ha), s1) << "strings point into the record";
 }
+
+// Every handle-checking call refuses NULL, a forged pointer and a deleted
+// record with its code, writes no out-parameter and sends nothing; a closed
+// camera answers identity only.
+TEST_F(Registry, ForeignAndClosedHandlesAreRefused)
+{
+    struct Outs {
+        void* frame = reinterpret_cast<void*>(0x77);
+        std::array<uint8_t, 64> bytes;
+        Outs() { bytes.fill(0xA5); }
+        bool untouched() const { return frame == reinterpret_cast<void*>(0x77) && bytes == Outs().bytes; }
+    };
+    auto fmt = [](Outs& o) { return reinterpret_cast<CAMERA_FORMAT*>(o.bytes.data()); };
+    auto u32 = [](Outs& o) { return reinterpret_cast<uint32_t*>(o.bytes.data()); };
+    using Fn = std::function<long(CAMERA_HANDLE, Outs&)>;
+    const long ND = CAMERA_ERR_NO_DEVICE, F = CAMERA_ERR_FAILURE;
+    // name, call, result for an unknown handle, for a closed camera (sums of like calls)
+    const std::vector<std::tuple<const char*, Fn, long, long>> calls = {
+        {"open", [](CAMERA_HANDLE h, Outs&) { return long(camera_open(h)); }, ND, 0},
+        {"ids", [](CAMERA_HANDLE h, Outs&) { return long(camera_get_vid(h) + camera_get_pid(h) + camera_get_revision(h)); },
+         3 * ND, 0x3A5C + 0x000D + 0x0100},
+        {"strings", [](CAMERA_HANDLE h, Outs&) {
+             return long(!!camera_get_filename(h) + !!camera_get_product_name(h) + !!camera_get_manufacturer_name(h) +
+                         !!camera_get_serialnumber(h)); }, 0, 4},
+        {"start/stop/flush", [](CAMERA_HANDLE h, Outs&) {
+             return long(camera_start_capture(h, 0) + camera_stop_capture(h) + camera_flush(h)); }, 3 * ND, 3 * ND},
+        {"get", [](CAMERA_HANDLE h, Outs& o) { return long(camera_get_image(h, 0, &o.frame)); }, ND, ND},
+        {"put", [](CAMERA_HANDLE h, Outs& o) { return long(camera_put_image(h, o.bytes.data())); }, ND, ND},
+        {"set_format", [=](CAMERA_HANDLE h, Outs& o) { return long(camera_set_format(h, fmt(o))); }, ND, F},
+        {"get_format", [=](CAMERA_HANDLE h, Outs& o) { return long(camera_get_format(h, fmt(o))); }, F, F},
+        {"get_ival", [=](CAMERA_HANDLE h, Outs& o) { return long(camera_get_frame_interval(h, u32(o))); }, ND, F},
+        {"set_ival", [=](CAMERA_HANDLE h, Outs& o) { return long(camera_set_frame_interval(h, u32(o))); }, ND, F},
+        {"set_ival0", [](CAMERA_HANDLE h, Outs&) { return long(camera_set_frame_interval(h, nullptr)); }, F, F},
+        {"registers", [](CAMERA_HANDLE h, Outs&) {
+             return long(camera_xu_sensor_read(h, 0x12) + camera_xu_sensor_write(h, 0x12, 1) + camera_xu_get_finger(h) +
+                         camera_xu_set_finger(h, 1)); }, 4 * ND, 4 * ND},
+        {"flash", [](CAMERA_HANDLE h, Outs& o) { return long(camera_xu_flash_read(h, 0, 16, o.bytes.data())); }, ND, ND},
+    };
+    auto& r = addReader(Model::T30);
+    auto& gone = addReader(Model::T10);
+    enumerate();
+    CAMERA_HANDLE h = sim::handleOf(r), deleted = sim::handleOf(gone);
+    ASSERT_EQ(open(deleted), 0);
+    gone.unplug();
+    enumerate();
+    ASSERT_EQ(camera_device_count(), 1u);
+    r.clearLog();
+    const CAMERA_HANDLE forged = reinterpret_cast<CAMERA_HANDLE>(uintptr_t(0x1000));  // unmapped
+    for (CAMERA_HANDLE bad : {CAMERA_HANDLE(nullptr), forged, deleted})
+        for (auto& [name, fn, refused, closed] : calls) {
+            Outs o;
+            EXPECT_EQ(fn(bad, o), refused) << name << " with " << bad;
+            EXPECT_TRUE(o.untouched()) << name << " wrote an out-parameter";
+        }
+    for (auto& [name, fn, refused, closed] : calls) {
+        Outs o;
+        if (std::string(name) != "open") {
+            EXPECT_EQ(fn(h, o), closed) << name << " on a closed camera";
+        }
+        EXPECT_TRUE(o.untouched()) << name;
+    }
+    EXPECT_TRUE(r.log().empty()) << "nothing may reach the reader";
+}
+
+TEST_F(Registry, OpenCloseAndReadersHeldElsewhere)
+{
+    auto& a = addReader(Model::T10);
+    auto& b = addReader(Model::T30);
+    enumerate();
+    CAMERA_HANDLE ha = sim::handleOf(a), hb = sim::handleOf(b);
+    camera_close(ha);  // never opened: harmless
+    EXPECT_TRUE(a.log().empty());
+    ASSERT_EQ(open(ha), 0);
+    const size_t resets = a.resetCount();
+    EXPECT_EQ(camera_open(ha), CAMERA_ERR_FAILURE) << "already open";
+    EXPECT_EQ(a.resetCount(), resets);
+    EXPECT_EQ(sim::nodeFdCount(), 1u);
+    EXPECT_FALSE(testbed().holdLock(a).held()) << "an open camera holds the node's lock";
+    {
+        sim::LockHolder other = testbed().holdLockInChild(b);
+        ASSERT_TRUE(other.held());
+        EXPECT_EQ(camera_open(hb), CAMERA_ERR_NO_DEVICE);
+        EXPECT_EQ(camera_xu_sensor_read(hb, 0), CAMERA_ERR_NO_DEVICE) << "stays closed";
+    }
+    ASSERT_EQ(open(hb), 0);
+    a.setReg(0x0100, 0x11);
+    b.setReg(0x0100, 0x22);
+    EXPECT_EQ(camera_xu_sensor_read(ha, 0x0100), 0x11);
+    EXPECT_EQ(camera_xu_sensor_read(hb, 0x0100), 0x22);
+    camera_close(ha);
+    EXPECT_EQ(camera_xu_sensor_read(ha, 0x0100), CAMERA_ERR_NO_DEVICE);
+    EXPECT_TRUE(testbed().holdLock(a).held()) << "close must drop the lock";
+    EXPECT_EQ(sim::nodeFdCount(), 1u);
+    EXPECT_EQ(open(ha), 0) << "reopen after close";
+
+    // Unplugged before the next enumeration: open fails, the record stays.
+    camera_close(hb);
+    b.unplug();
+    EXPECT_EQ(camera_open(hb), CAMERA_ERR_NO_DEVICE);
+    EXPECT_EQ(camera_get_pid(hb), 0x000D);
+    EXPECT_EQ(sim::nodeFdCount(), 1u);
+}
+
+}  // namespace

@@ -1,4 +1,4 @@
-// Test helpers: fd and thread counts, watchdog, fixture.
+// Test helpers: descriptor and thread counts, frame checks, watchdog, fixtures.
 #include "simtest.h"
 
 #include <dirent.h>
@@ -6,51 +6,68 @@
 #include <unistd.h>
 
 #include <condition_variable>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <thread>
 
 namespace sim {
 
-namespace {
-std::vector<std::string> dirEntries(const char* path) {
-    std::vector<std::string> v;
-    DIR* d = opendir(path);
-    if (!d) return v;
-    while (dirent* e = readdir(d))
-        if (strcmp(e->d_name, ".") && strcmp(e->d_name, "..")) v.push_back(e->d_name);
-    closedir(d);
-    return v;
-}
-}  // namespace
-
 std::vector<std::string> openFds() {
     std::vector<std::string> r;
-    // Read the names first: the directory's own fd is one of the entries.
-    DIR* d = opendir("/proc/self/fd");
-    if (!d) return r;
-    const int self = dirfd(d);
-    std::vector<int> fds;
-    while (dirent* e = readdir(d)) {
-        if (e->d_name[0] == '.') continue;
-        const int fd = atoi(e->d_name);
-        if (fd != self) fds.push_back(fd);
-    }
-    closedir(d);
-    for (int fd : fds) {
+    for (int fd = 0; fd < 1024; fd++) {
         char link[64], target[4096];
         snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
         ssize_t n = readlink(link, target, sizeof target - 1);
-        target[n > 0 ? n : 0] = 0;
+        if (n <= 0) continue;
+        target[n] = 0;
         r.push_back(std::to_string(fd) + " -> " + target);
     }
     return r;
 }
 
+static size_t countFds(const char* needle, bool with) {
+    size_t n = 0;
+    for (auto& f : openFds()) n += (f.find(needle) != std::string::npos) == with;
+    return n;
+}
 size_t openFdCount() { return openFds().size(); }
-size_t threadCount() { return dirEntries("/proc/self/task").size(); }
+size_t nodeFdCount() { return countFds("bus/usb/", true); }
+size_t fileFdCount() { return countFds("socket:", false); }
+std::string fdList() {
+    std::string s;
+    for (auto& f : openFds()) s += "  " + f + "\n";
+    return s;
+}
+
+size_t threadCount() {
+    size_t n = 0;
+    DIR* d = opendir("/proc/self/task");
+    while (d != nullptr && readdir(d) != nullptr) n++;
+    if (d != nullptr) closedir(d);
+    return n - 2;  // "." and ".."
+}
+
+size_t settled(const std::function<size_t()>& count, size_t expected) {
+    size_t n = count();
+    for (int i = 0; i < 100 && n != expected; i++) {
+        usleep(20000);
+        n = count();
+    }
+    return n;
+}
+
+uint32_t checkFrame(const void* frame, const Reader& r, const std::string& where) {
+    EXPECT_NE(frame, nullptr) << where;
+    if (frame == nullptr) return UINT32_MAX;
+    auto* p = static_cast<const uint8_t*>(frame);
+    const uint32_t n = frameNumberOf(p), size = r.info().imageSize();
+    EXPECT_EQ(firstPatternMismatch(p, size, n), -1) << where << ": frame " << n << " of " << r.sysfsName();
+    CAMERA_TIME_STAMP ts;
+    memcpy(&ts, p + size, sizeof ts);
+    EXPECT_EQ(std::string(ts.szSignature, 4), "TmSt") << where;
+    EXPECT_LE(ts.dwFrameStart, ts.dwFrameReturned) << where;
+    return n;
+}
 
 struct Watchdog::Impl {
     std::mutex m;

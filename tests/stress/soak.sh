@@ -15,8 +15,7 @@ passes="${3:-1}"
 if [ ! -f "$build/CMakeCache.txt" ]; then
   cmake -S "$root" -B "$build" -G Ninja
 fi
-cmake --build "$build" -j2 --target stress_unplug_test stress_load_test stress_access_test \
-  stress_transport_access_test
+cmake --build "$build" -j2 --target stress_unplug_test stress_load_test
 
 export ZTUVC_STRESS_ROUNDS="$n"
 export ZTUVC_STRESS_FRAMES=$((n * 25))
@@ -26,7 +25,7 @@ export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS="suppressions=$root/tests/tsan.supp:halt_on_error=1:second_deadlock_stack=1"
 mkdir -p "$TMPDIR"
 
-bins=(stress_unplug_test stress_load_test stress_access_test stress_transport_access_test)
+bins=(stress_unplug_test stress_load_test)
 failed=0
 for ((p = 1; p <= passes; p++)); do
   echo "=== pass $p of $passes: $ZTUVC_STRESS_ROUNDS rounds, $ZTUVC_STRESS_FRAMES frames per reader"

@@ -9,6 +9,7 @@ packages=(
   umockdev libumockdev-dev
   libusb-1.0-0-dev libuvc-dev
   libpng-dev
+  libcli11-dev nlohmann-json3-dev
   clang libclang-rt-dev
   valgrind
 )

@@ -1,6 +1,6 @@
 // The testbed: devices in umockdev's sysfs and /dev, ioctl handler wiring,
 // lock holders and open denial.
-#include "siminternal.h"
+#include "internal.h"
 
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -155,6 +155,11 @@ void TestbedImpl::removeSysfs(ReaderState& s) {
 struct Testbed::Impl : TestbedImpl {
     std::vector<std::string> immutable;
 };
+
+bool underUmockdevPreload() {
+    const char* p = getenv("LD_PRELOAD");
+    return p && strstr(p, "libumockdev-preload");
+}
 
 Testbed::Testbed() : impl_(std::make_unique<Impl>()) {
     if (!underUmockdevPreload())

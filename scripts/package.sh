@@ -45,7 +45,10 @@ else
   what="a source tree without git"
 fi
 
-# The Python package once the tree has one.
+# The Python package (python/) joins once debian/ describes it: its stanza
+# in debian/python3-ztuvc.control (Architecture: all, Depends: libztuvc3 and
+# ${python3:Depends}) and its files in debian/python3-ztuvc.install;
+# tests/install/package_test.sh then expects it as well.
 if [ -d "$tree/python" ] && [ -f "$tree/debian/python3-ztuvc.control" ]; then
   { echo; cat "$tree/debian/python3-ztuvc.control"; } >>"$tree/debian/control"
 fi

@@ -101,8 +101,10 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
-        std::string command = app.get_subcommands().empty() ? "" : app.get_subcommands().front()->get_name();
-        if (const auto* m = dynamic_cast<const CLI::ArgumentMismatch*>(&e)) return mismatch(command, *m, argc, argv);
+        const auto commands = app.get_subcommands();
+        std::string command = commands.empty() ? "" : commands.front()->get_name();
+        if (const auto* m = dynamic_cast<const CLI::ArgumentMismatch*>(&e))
+            return mismatch(command, *m, argc, argv);
         return usageError(command, "%s", e.what());
     }
 
@@ -134,7 +136,8 @@ int main(int argc, char** argv) {
     if (chosen->help) {
         std::fputs(chosen->command->help, stdout);
         if (chosen->app->get_option_no_throw("-d") != nullptr)
-            std::fputs("  -d, --device N|NAME   the reader: index, name or serial number (default 0)\n", stdout);
+            std::fputs("  -d, --device N|NAME   the reader: index, name or serial number (default 0)\n",
+                       stdout);
         std::fputs("  -h, --help            this help\n", stdout);
         return kExitOk;
     }

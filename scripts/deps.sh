@@ -10,8 +10,10 @@ packages=(
   libusb-1.0-0-dev libuvc-dev
   libpng-dev
   libcli11-dev nlohmann-json3-dev
+  python3-numpy python3-pytest python3-venv
   clang libclang-rt-dev
   valgrind
+  qemu-system-x86 libusbredirparser-dev busybox-static kmod
 )
 
 missing=()

@@ -1,12 +1,18 @@
 // ztuvc-sim — runs a command against simulated fingerprint readers.
 //
 //   ztuvc-sim [--model 10|20|30|40] [--readers N] [--pattern] [-q] -- COMMAND [ARGS...]
+//   ztuvc-sim --usbredir SOCKET [--model 10|20|30|40] [--pattern]
 //
 // This process creates umockdev's testbed and the readers and answers their
 // usbfs ioctls; the command runs as a child under umockdev's preload, so an
 // unmodified program (ztuvc, an application) sees real-looking readers in
-// sysfs and /dev/bus/usb. The readers stream at their frame rate.
+// sysfs and /dev/bus/usb. The readers stream at their frame rate. SIGUSR1
+// unplugs them all (the command's own unplug tests send it to its parent).
+// With --usbredir it serves one reader to a QEMU virtual machine instead.
 #include "simreader.h"
+#ifdef ZTUVC_SIM_USBREDIR
+#include "usbredir/redirserver.h"
+#endif
 
 #include <spawn.h>
 #include <sys/prctl.h>
@@ -18,7 +24,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iostream>
+#include <optional>
 #include <string>
+#include <thread>
 
 extern char** environ;
 
@@ -38,14 +47,27 @@ const char kHelp[] =
     "  --pattern     stream the test pattern (frame number in bytes 0..3) instead\n"
     "                of fingerprint-like images\n"
     "  -q, --quiet   no banner on stderr\n"
-    "Example: ztuvc-sim --model 30 -- ztuvc capture -n 5\n";
+    "SIGUSR1 to this process unplugs every reader; other signals go to COMMAND.\n"
+    "Example: ztuvc-sim --model 30 -- ztuvc capture -n 5\n"
+    "\n"
+    "       ztuvc-sim --usbredir SOCKET [--model M] [--pattern]\n"
+    "Attaches one simulated reader to a QEMU virtual machine: listens on the Unix\n"
+    "socket SOCKET for QEMU's usb-redir device, e.g.\n"
+    "  qemu-system-x86_64 ... -device qemu-xhci -chardev socket,id=r,path=SOCKET \\\n"
+    "    -device usb-redir,chardev=r\n"
+    "and reads commands on standard input, one a line:\n"
+    "  unplug         detach the reader\n"
+    "  plug [M]       attach a reader (of model M), replacing an attached one\n"
+    "  quit           detach and exit (as does the end of input)\n"
+    "Exits when QEMU disconnects.\n";
 
-// Signals meant for the command: blocked in every thread of this process
-// (set before the simulator starts its threads) and taken synchronously.
+// Signals meant for the command, and SIGUSR1 (unplug): blocked in every
+// thread of this process (set before the simulator starts its threads) and
+// taken synchronously.
 sigset_t forwardedSignals() {
     sigset_t set;
     sigemptyset(&set);
-    for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaddset(&set, sig);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1}) sigaddset(&set, sig);
     return set;
 }
 
@@ -80,12 +102,68 @@ void ensurePreload(char** argv) {
     std::exit(kExitSpawn);
 }
 
+std::optional<sim::Model> modelOf(unsigned number) {
+    switch (number) {
+    case 10: return sim::Model::T10;
+    case 20: return sim::Model::T20;
+    case 30: return sim::Model::T30;
+    case 40: return sim::Model::T40;
+    default: return std::nullopt;
+    }
+}
+
+// One reader over usbredir; commands on standard input.
+int serveUsbredir(const char* socketPath, sim::Model model, bool pattern) {
+#ifdef ZTUVC_SIM_USBREDIR
+    sim::RedirServer server(pattern ? sim::ImageMode::Pattern : sim::ImageMode::Fingerprint);
+    std::string err;
+    if (!server.listen(socketPath, &err)) {
+        std::fprintf(stderr, "ztuvc-sim: %s: %s\n", socketPath, err.c_str());
+        return 1;
+    }
+    server.plug(model);
+    // Commands come from a thread of their own: run() ends when QEMU goes
+    // away, and then nothing must wait for another line of input.
+    std::thread commands([&server, model] {
+        std::string line;
+        while (std::getline(std::cin, line)) {
+            unsigned number = 0;
+            if (line == "unplug") {
+                server.unplug();
+            } else if (line == "plug") {
+                server.plug(model);
+            } else if (line.rfind("plug ", 0) == 0 && parseSmall(line.c_str() + 5, number) && modelOf(number)) {
+                server.plug(*modelOf(number));
+            } else if (line == "quit") {
+                break;
+            } else if (!line.empty()) {
+                std::fprintf(stderr, "ztuvc-sim: unknown command '%s'\n", line.c_str());
+            }
+        }
+        server.unplug();
+        server.stop();
+    });
+    commands.detach();
+    const int rc = server.run();
+    unlink(socketPath);
+    // The command thread may still be reading: leave without unwinding.
+    std::fflush(nullptr);
+    _exit(rc);
+#else
+    (void)model;
+    (void)pattern;
+    std::fprintf(stderr, "ztuvc-sim: %s: built without usbredir (libusbredirparser-dev)\n", socketPath);
+    return kExitUsage;
+#endif
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     unsigned modelNumber = 30, readers = 1;
     bool pattern = false, quiet = false;
     int cmd = -1;
+    const char* redirSocket = nullptr;
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
         if (a == "--") {
@@ -96,7 +174,10 @@ int main(int argc, char** argv) {
             std::fputs(kHelp, stdout);
             return 0;
         }
-        if (a == "--pattern") {
+        if (a == "--usbredir") {
+            if (i + 1 >= argc) return usage("option '%s' needs a value", argv[i]);
+            redirSocket = argv[++i];
+        } else if (a == "--pattern") {
             pattern = true;
         } else if (a == "-q" || a == "--quiet") {
             quiet = true;
@@ -112,15 +193,11 @@ int main(int argc, char** argv) {
             return usage("unknown option '%s'", argv[i]);
         }
     }
+    std::optional<sim::Model> parsed = modelOf(modelNumber);
+    if (!parsed) return usage("unknown model '%s' (10, 20, 30 or 40)", std::to_string(modelNumber).c_str());
+    const sim::Model model = *parsed;
+    if (redirSocket) return serveUsbredir(redirSocket, model, pattern);
     if (cmd < 0 || cmd >= argc) return usage("%s", "no command given");
-    sim::Model model;
-    switch (modelNumber) {
-    case 10: model = sim::Model::T10; break;
-    case 20: model = sim::Model::T20; break;
-    case 30: model = sim::Model::T30; break;
-    case 40: model = sim::Model::T40; break;
-    default: return usage("unknown model '%s' (10, 20, 30 or 40)", std::to_string(modelNumber).c_str());
-    }
     if (readers > 8) return usage("--readers %s: at most 8", std::to_string(readers).c_str());
 
     ensurePreload(argv);
@@ -163,7 +240,12 @@ int main(int argc, char** argv) {
             if (pid != 0 && !(pid < 0 && errno == EINTR)) break;
             const struct timespec tick = {0, 20 * 1000 * 1000};
             int sig = sigtimedwait(&forwarded, nullptr, &tick);
-            if (sig > 0) kill(child, sig);
+            if (sig == SIGUSR1) {
+                for (sim::Reader* r : testbed.devices())
+                    if (r->plugged()) r->unplug();
+            } else if (sig > 0) {
+                kill(child, sig);
+            }
         }
         for (sim::Reader* r : testbed.devices()) r->stopPaced();
     }

@@ -1,6 +1,7 @@
 // Internal state of the simulator, shared by its translation units.
 #pragma once
 
+#include "model/device.h"
 #include "simreader.h"
 
 #include <umockdev.h>
@@ -12,19 +13,6 @@
 #include <thread>
 
 namespace sim {
-
-// One queued stream item.
-struct QItem {
-    enum Kind { FramePacket, Raw, UrbBreak, EmptyUrb } kind = FramePacket;
-    uint32_t frame = 0;     // FramePacket: frame number
-    uint32_t offset = 0;    // image offset of the first byte
-    uint32_t len = 0;       // image bytes carried
-    bool fid = false;
-    bool eof = false;
-    bool lastOfFrame = false;
-    std::vector<uint8_t> raw;  // Raw: whole packet
-    uint32_t packetSize() const { return kind == Raw ? uint32_t(raw.size()) : len + kPayloadHeaderSize; }
-};
 
 // A URB the host submitted and has not reaped yet.
 struct Urb {
@@ -66,49 +54,28 @@ struct Fault {
 
 struct TestbedImpl;
 
-struct ReaderState {
+struct ReaderState : DeviceModel {
     mutable std::mutex m;
     mutable std::condition_variable cv;
 
     TestbedImpl* tb = nullptr;
     DeviceOptions opt;
-    ModelInfo info{};
     uint16_t vid = 0, pid = 0, bcd = 0;
     unsigned bus = 0, dev = 0;
     std::string sysName, sysPath, node;
-    std::vector<uint8_t> descriptors;
-    std::string manufacturer, product, serial;  // effective texts ("" when absent)
     bool plugged = true;
 
-    std::vector<uint8_t> regs = std::vector<uint8_t>(65536);
-    int config = 0;
-    int alt[2] = {0, 0};
     // The open file holding each interface. A claim by another file takes
     // it over instead of failing with EBUSY: umockdev tells us of a close
     // only later, so a reopen right after a close would be refused.
     const void* claimedBy[2] = {nullptr, nullptr};
     unsigned resets = 0;
-    std::array<uint8_t, 26> probe{};
-    std::optional<std::array<uint8_t, 26>> commit;
-    std::vector<std::array<uint8_t, 26>> commits;
-    // Pending extension-unit read per selector (index = selector): count, address.
-    uint8_t xuCount[8] = {};
-    uint16_t xuAddr[8] = {};
-
     std::deque<Urb*> inflight;
     std::deque<Urb*> completed;
     uint64_t submittedTotal = 0, reapedTotal = 0, isoReaps = 0;
     unsigned hangNext = 0;
 
-    std::deque<QItem> queue;
-    uint32_t nextFrame = 0;
-    bool lastFid = true;      // so that frame 0 goes out with FID 0
-    uint64_t framesSent = 0, framesReaped = 0;
-    ImageMode imageMode = ImageMode::Pattern;
-    uint32_t ptsClock = 0;
-    mutable std::mutex imgMutex;  // cache of the last rendered fingerprint frame
-    mutable uint32_t imgFrame = ~0u;
-    mutable std::vector<uint8_t> img;
+    uint64_t framesReaped = 0;
 
     std::vector<Fault> faults;
     std::vector<IoctlRecord> log;
@@ -123,12 +90,9 @@ struct ReaderState {
     // Helpers, called with m held.
     void pumpLocked();
     bool completeOneLocked(Urb* u);
-    void fillPacket(uint8_t* dst, const QItem& it) const;
     void unplugLocked();  // marks gone and kills URBs (sysfs removal is done by the caller)
     void fileClosedLocked(const void* client);  // what usbfs does when an open file is released
     size_t isoInflightLocked() const;
-    uint32_t queueFramesLocked(unsigned n, const FrameOptions& opt);
-    uint8_t imageByte(uint32_t frame, uint32_t offset) const;
 };
 
 struct TestbedImpl {

@@ -72,74 +72,9 @@ void endUrb(Urb* u, int status) {
     }
 }
 
-std::vector<uint8_t> stringDescriptor(const std::string& s) {
-    std::vector<uint8_t> d = {0, 3};
-    for (unsigned char c : s) {
-        d.push_back(c);
-        d.push_back(0);
-    }
-    if (d.size() > 254) d.resize(254);
-    d[0] = uint8_t(d.size());
-    return d;
-}
-
 }  // namespace
 
 // --------------------------------------------------------------- stream
-
-uint8_t ReaderState::imageByte(uint32_t frame, uint32_t offset) const {
-    if (imageMode == ImageMode::Pattern) return pixel(frame, offset);
-    if (offset >= info.imageSize()) return pixel(frame, offset);
-    std::lock_guard<std::mutex> g(imgMutex);
-    if (imgFrame != frame) {
-        img.resize(info.imageSize());
-        for (uint32_t i = 0; i < img.size(); ++i) img[i] = fingerprintByte(info, frame, i);
-        imgFrame = frame;
-    }
-    return img[offset];
-}
-
-void ReaderState::fillPacket(uint8_t* dst, const QItem& it) const {
-    if (it.kind == QItem::Raw) {
-        if (!it.raw.empty()) memcpy(dst, it.raw.data(), it.raw.size());
-        return;
-    }
-    // Presentation time: the frame's start in 6 MHz ticks; source clock
-    // advances with every packet.
-    auto h = payloadHeader(it.fid, it.eof, it.frame * 400000u, ptsClock);
-    memcpy(dst, h.data(), h.size());
-    uint8_t* p = dst + kPayloadHeaderSize;
-    if (imageMode == ImageMode::Pattern) {
-        for (uint32_t i = 0; i < it.len; ++i) p[i] = pixel(it.frame, it.offset + i);
-    } else {
-        for (uint32_t i = 0; i < it.len; ++i) p[i] = imageByte(it.frame, it.offset + i);
-    }
-}
-
-uint32_t ReaderState::queueFramesLocked(unsigned n, const FrameOptions& o) {
-    const uint32_t first = nextFrame;
-    const uint32_t per = std::clamp<uint32_t>(o.payloadPerPacket, 1, kMaxPayloadPerPacket);
-    long sz = long(info.imageSize()) + o.sizeDelta;
-    if (sz < 0) sz = 0;
-    for (unsigned f = 0; f < n; ++f) {
-        const uint32_t frame = nextFrame++;
-        const bool fid = !lastFid;
-        lastFid = fid;
-        uint32_t off = 0;
-        do {
-            QItem it;
-            it.frame = frame;
-            it.offset = off;
-            it.len = std::min<uint32_t>(per, uint32_t(sz) - off);
-            it.fid = fid;
-            off += it.len;
-            it.lastOfFrame = off >= uint32_t(sz);
-            it.eof = it.lastOfFrame && o.eofBit;
-            queue.push_back(std::move(it));
-        } while (off < uint32_t(sz));
-    }
-    return first;
-}
 
 size_t ReaderState::isoInflightLocked() const {
     size_t n = 0;
@@ -151,52 +86,19 @@ size_t ReaderState::isoInflightLocked() const {
 bool ReaderState::completeOneLocked(Urb* u) {
     usbdevfs_urb* k = urbOf(u);
     Iso* d = isoDescs(u);
-    if (!queue.empty() && queue.front().kind == QItem::EmptyUrb) {
-        queue.pop_front();
-    } else {
-        uint32_t at = 0;
-        for (int i = 0; i < u->packets; ++i) {
-            d[i].actual_length = 0;
-            d[i].status = 0;
-        }
-        for (int i = 0; i < u->packets; ++i) {
-            const uint32_t room = d[i].length;
-            if (queue.empty()) break;
-            QItem& it = queue.front();
-            if (it.kind == QItem::EmptyUrb) break;
-            if (it.kind == QItem::UrbBreak) {
-                queue.pop_front();
-                break;
-            }
-            const uint32_t psz = it.packetSize();
-            if (psz > 0 && u->buf && at + std::min(psz, room) <= uint32_t(u->bufferLength)) {
-                if (psz <= room) {
-                    fillPacket(u->buf->data + at, it);
-                } else {
-                    // Larger than the slot: the host sees the first `room` bytes (babble).
-                    std::vector<uint8_t> tmp(psz);
-                    fillPacket(tmp.data(), it);
-                    memcpy(u->buf->data + at, tmp.data(), room);
-                    d[i].status = uint32_t(-EOVERFLOW);
-                }
-                d[i].actual_length = std::min(psz, room);
-            }
-            if (it.kind == QItem::FramePacket && it.lastOfFrame) {
-                ++u->framesEnded;
-                ++framesSent;
-            }
-            ptsClock += 1;
-            at += room;
-            queue.pop_front();
-        }
-    }
+    std::vector<IsoSlot> slots(size_t(u->packets));
+    for (int i = 0; i < u->packets; ++i) slots[i].length = d[i].length;
+    u->framesEnded += fillIso(slots.data(), u->packets, u->buf ? u->buf->data : nullptr, size_t(u->bufferLength));
     int total = 0;
-    for (int i = 0; i < u->packets; ++i) total += int(d[i].actual_length);
+    k->error_count = 0;
+    for (int i = 0; i < u->packets; ++i) {
+        d[i].actual_length = slots[i].actual;
+        d[i].status = uint32_t(slots[i].status);
+        total += int(slots[i].actual);
+        if (slots[i].status != 0) ++k->error_count;
+    }
     k->status = 0;
     k->actual_length = total;
-    k->error_count = 0;
-    for (int i = 0; i < u->packets; ++i)
-        if (d[i].status != 0) ++k->error_count;
     return true;
 }
 
@@ -211,7 +113,7 @@ void ReaderState::pumpLocked() {
             }
         if (!u) break;
         if (pacing && pace.kind == Pace::AsFastAsPossible && queue.empty())
-            queueFramesLocked(1, {});
+            queueFrames(1, {});
         if (queue.empty()) break;
         if (pacing && pace.kind == Pace::HighBandwidth) {
             if (urbCredit == 0) break;
@@ -275,142 +177,6 @@ void finish(Ctx& c, long result, int err) {
     umockdev_ioctl_client_complete(c.client, result, err);
 }
 
-// Returns bytes moved (>= 0) or -errno.
-long control(ReaderState& s, const usbdevfs_ctrltransfer& t, uint8_t* data, unsigned len) {
-    const bool in = t.bRequestType & 0x80;
-    const uint8_t type = t.bRequestType & 0x60;
-    auto reply = [&](const uint8_t* p, size_t n) -> long {
-        n = std::min<size_t>(n, len);
-        if (n) memcpy(data, p, n);
-        return long(n);
-    };
-    if (type == 0x00) {  // standard
-        if (t.bRequest == 6 && in) {  // GET_DESCRIPTOR
-            const uint8_t dt = t.wValue >> 8, di = t.wValue & 0xFF;
-            if (dt == 1) return reply(s.descriptors.data(), std::min<size_t>(18, s.descriptors.size()));
-            if (dt == 2 && di == 0 && s.descriptors.size() > 18)
-                return reply(s.descriptors.data() + 18, s.descriptors.size() - 18);
-            if (dt == 3) {
-                if (di == 0) {
-                    const uint8_t l[] = {4, 3, 0x09, 0x04};
-                    return reply(l, 4);
-                }
-                const std::string* str = di == 1 ? &s.manufacturer : di == 2 ? &s.product : di == 3 ? &s.serial : nullptr;
-                if (!str || str->empty()) return -EPIPE;
-                auto d = stringDescriptor(*str);
-                return reply(d.data(), d.size());
-            }
-            return -EPIPE;
-        }
-        if (t.bRequest == 0 && in) {  // GET_STATUS
-            const uint8_t z[2] = {0, 0};
-            return reply(z, 2);
-        }
-        if (t.bRequest == 8 && in) {  // GET_CONFIGURATION
-            const uint8_t c = uint8_t(s.config);
-            return reply(&c, 1);
-        }
-        if (t.bRequest == 1 || t.bRequest == 3) return 0;  // CLEAR/SET_FEATURE
-        return -EPIPE;
-    }
-    if (type == 0x40 && t.bRequest == 12 && (t.bRequestType & 0x1F) == 0) {  // vendor registers
-        for (unsigned i = 0; i < len; ++i) {
-            const uint16_t a = uint16_t(t.wValue + i);
-            if (in) data[i] = s.regs[a];
-            else s.regs[a] = data[i];
-        }
-        return long(len);
-    }
-    if (type != 0x20 || (t.bRequestType & 0x1F) != 1) return -EPIPE;
-    const uint8_t sel = t.wValue >> 8;
-    const uint8_t ifc = t.wIndex & 0xFF, unit = t.wIndex >> 8;
-    if (ifc == 0 && unit == 6 && (sel == 7 || sel == 3)) {
-        switch (t.bRequest) {
-        case 0x01:  // SET_CUR
-            if (in || len != 11) return -EPIPE;
-            if (sel == 7 && data[0] == 0x81) {
-                s.regs[uint16_t(data[1] << 8 | data[2])] = data[3];
-            } else if (data[0] >= 1 && data[0] <= 8) {
-                s.xuCount[sel] = data[0];
-                s.xuAddr[sel] = uint16_t(data[1] << 8 | data[2]);
-            } else {
-                return -EPIPE;
-            }
-            return 11;
-        case 0x81: {  // GET_CUR
-            if (!in) return -EPIPE;
-            uint8_t b[11] = {};
-            b[0] = s.xuCount[sel];
-            b[1] = uint8_t(s.xuAddr[sel] >> 8);
-            b[2] = uint8_t(s.xuAddr[sel]);
-            for (unsigned i = 0; i < s.xuCount[sel]; ++i) {
-                const uint16_t a = uint16_t(s.xuAddr[sel] + i);
-                b[3 + i] = sel == 7 ? s.regs[a] : flashByte(a);
-            }
-            return reply(b, 11);
-        }
-        case 0x82: case 0x83: case 0x84: case 0x87: {  // MIN MAX RES DEF
-            const uint8_t z[11] = {};
-            return in ? reply(z, 11) : -EPIPE;
-        }
-        case 0x85: {  // GET_LEN
-            const uint8_t l[2] = {11, 0};
-            return in ? reply(l, 2) : -EPIPE;
-        }
-        case 0x86: {  // GET_INFO
-            const uint8_t i = 0x03;
-            return in ? reply(&i, 1) : -EPIPE;
-        }
-        }
-        return -EPIPE;
-    }
-    if (ifc == 1 && unit == 0 && (sel == 1 || sel == 2)) {
-        const auto def = expectedCommit(s.info.model);
-        switch (t.bRequest) {
-        case 0x01: {  // SET_CUR
-            if (in || len < 26) return -EPIPE;
-            std::array<uint8_t, 26> b;
-            memcpy(b.data(), data, 26);
-            if (sel == 2) {
-                s.commits.push_back(b);
-                s.commit = b;
-            } else {
-                // Negotiate: our only format and frame, an interval no shorter
-                // than the default, our sizes.
-                uint32_t iv = uint32_t(b[4]) | b[5] << 8 | b[6] << 16 | uint32_t(b[7]) << 24;
-                if (iv < s.info.frameInterval) iv = s.info.frameInterval;
-                auto p = expectedCommit(s.info.model, iv);
-                p[0] = b[0];
-                p[1] = b[1];
-                s.probe = p;
-            }
-            return long(len);
-        }
-        case 0x81: {
-            if (!in) return -EPIPE;
-            if (sel == 1) return reply(s.probe.data(), 26);
-            const auto& c = s.commit ? *s.commit : s.probe;
-            return reply(c.data(), 26);
-        }
-        case 0x82: case 0x87: return in ? reply(def.data(), 26) : -EPIPE;
-        case 0x83: {
-            auto mx = expectedCommit(s.info.model, s.info.frameInterval * 4);
-            return in ? reply(mx.data(), 26) : -EPIPE;
-        }
-        case 0x85: {
-            const uint8_t l[2] = {26, 0};
-            return in ? reply(l, 2) : -EPIPE;
-        }
-        case 0x86: {
-            const uint8_t i = 0x03;
-            return in ? reply(&i, 1) : -EPIPE;
-        }
-        }
-        return -EPIPE;
-    }
-    return -EPIPE;
-}
-
 // A control transfer with the faults registered for it applied.
 long controlWithFaults(ReaderState& s, const usbdevfs_ctrltransfer& t, uint8_t* data, unsigned len, bool* unplug) {
     int failErr = 0;
@@ -425,7 +191,7 @@ long controlWithFaults(ReaderState& s, const usbdevfs_ctrltransfer& t, uint8_t* 
         break;
     }
     if (*unplug) return -ENODEV;
-    long r = failErr ? -failErr : control(s, t, data, len);
+    long r = failErr ? -failErr : s.answerControl(Setup{t.bRequestType, t.bRequest, t.wValue, t.wIndex, t.wLength}, data, len);
     if (r >= 0 && shortTo >= 0 && r > shortTo) r = shortTo;
     return r;
 }
@@ -677,12 +443,6 @@ unsigned argUint(UMockdevIoctlData* arg, bool* ok) {
     return v;
 }
 
-// Interfaces and alternate settings that exist on a reader.
-bool hasInterface(const ReaderState& s, unsigned i) {
-    if (s.opt.descriptors) return i == 0;  // custom layouts: be lenient on interface 0 only
-    return i < 2;
-}
-
 void handleOne(Ctx& c, bool* unplug, bool* unplugAfter) {
     ReaderState& s = c.s;
     if (ioctlFaults(c, unplug)) return;
@@ -708,11 +468,9 @@ void handleOne(Ctx& c, bool* unplug, bool* unplugAfter) {
         umockdev_ioctl_data_unref(d);
         c.rec.interface = si.interface;
         c.rec.alt = si.altsetting;
-        const bool valid = s.opt.descriptors ? si.interface == 0 && si.altsetting == 0
-                                             : (si.interface == 0 && si.altsetting == 0) ||
-                                                   (si.interface == 1 && si.altsetting <= 1);
-        if (!valid) return finish(c, -1, EINVAL);
-        if (si.interface == 1 && unsigned(s.alt[1]) != si.altsetting) {
+        const int before = si.interface < 2 ? s.alt[si.interface] : 0;
+        if (!s.setInterface(si.interface, si.altsetting)) return finish(c, -1, EINVAL);
+        if (si.interface == 1 && unsigned(before) != si.altsetting) {
             // Switching alternate settings disables the old endpoints: their URBs end.
             for (auto it = s.inflight.begin(); it != s.inflight.end();) {
                 if ((*it)->endpoint == kIsoEndpoint) {
@@ -724,10 +482,7 @@ void handleOne(Ctx& c, bool* unplug, bool* unplugAfter) {
                 }
             }
         }
-        if (si.interface < 2) {
-            s.alt[si.interface] = int(si.altsetting);
-            s.claimedBy[si.interface] = c.client;  // usbfs claims implicitly
-        }
+        s.claimedBy[si.interface] = c.client;  // usbfs claims implicitly
         finish(c, 0, 0);
         s.pumpLocked();
         return;
@@ -738,8 +493,7 @@ void handleOne(Ctx& c, bool* unplug, bool* unplugAfter) {
         c.rec.interface = v;
         if (v != 1 && v != 0) return finish(c, -1, EINVAL);
         if (v != unsigned(s.config) && (s.claimedBy[0] || s.claimedBy[1])) return finish(c, -1, EBUSY);
-        s.config = int(v);
-        s.alt[0] = s.alt[1] = 0;
+        s.setConfiguration(v);
         return finish(c, 0, 0);
     }
     case USBDEVFS_CLAIMINTERFACE:
@@ -747,7 +501,7 @@ void handleOne(Ctx& c, bool* unplug, bool* unplugAfter) {
         const unsigned v = argUint(c.arg, &ok);
         if (!ok) return finish(c, -1, EFAULT);
         c.rec.interface = v;
-        if (!hasInterface(s, v)) return finish(c, -1, c.req == USBDEVFS_CLAIMINTERFACE ? ENOENT : EINVAL);
+        if (!s.hasInterface(v)) return finish(c, -1, c.req == USBDEVFS_CLAIMINTERFACE ? ENOENT : EINVAL);
         if (c.req == USBDEVFS_RELEASEINTERFACE && s.claimedBy[v] != c.client) return finish(c, -1, EINVAL);
         s.claimedBy[v] = c.req == USBDEVFS_CLAIMINTERFACE ? c.client : nullptr;
         return finish(c, 0, 0);
@@ -760,7 +514,7 @@ void handleOne(Ctx& c, bool* unplug, bool* unplugAfter) {
         umockdev_ioctl_data_unref(d);
         c.rec.interface = unsigned(io.ifno);
         c.rec.innerCode = io.ioctl_code;
-        if (!hasInterface(s, unsigned(io.ifno))) return finish(c, -1, EINVAL);
+        if (!s.hasInterface(unsigned(io.ifno))) return finish(c, -1, EINVAL);
         // No kernel driver is bound to a simulated interface.
         if (io.ioctl_code == int(USBDEVFS_DISCONNECT)) return finish(c, -1, ENODATA);
         if (io.ioctl_code == int(USBDEVFS_CONNECT)) return finish(c, 0, 0);
@@ -891,7 +645,7 @@ uint64_t Reader::urbsReapedTotal() const { LOCK; return s_->reapedTotal; }
 
 uint32_t Reader::queueFrames(unsigned n, const FrameOptions& opt) {
     LOCK;
-    const uint32_t f = s_->queueFramesLocked(n, opt);
+    const uint32_t f = s_->queueFrames(n, opt);
     s_->pumpLocked();
     return f;
 }
@@ -995,17 +749,9 @@ static void pacerLoop(ReaderState* s) {
             step = std::chrono::microseconds(1000);
             if (s->urbCredit < 2) ++s->urbCredit;
         } else if (s->pace.kind == Pace::FrameInterval) {
-            uint32_t iv = s->pace.interval;
-            if (!iv && s->commit) iv = uint32_t((*s->commit)[4]) | (*s->commit)[5] << 8 | (*s->commit)[6] << 16 | uint32_t((*s->commit)[7]) << 24;
-            if (!iv) iv = s->info.frameInterval;
+            const uint32_t iv = s->pace.interval ? s->pace.interval : s->frameInterval();
             step = std::chrono::microseconds(iv / 10);
-            // A real sensor does not wait for the host: when two frames are
-            // still queued, this one is lost.
-            if (s->plugged && s->alt[1] == 1) {
-                const size_t per = (s->info.imageSize() + kMaxPayloadPerPacket - 1) / kMaxPayloadPerPacket;
-                if (s->queue.size() < 2 * per) s->queueFramesLocked(1, {});
-                else ++s->nextFrame;
-            }
+            if (s->plugged && s->alt[1] == 1) s->sensorTick();
         } else {
             step = std::chrono::microseconds(20000);
         }

@@ -232,6 +232,7 @@ Reader& Testbed::addDevice(DeviceOptions o) {
     auto s = std::make_shared<ReaderState>();
     s->tb = &I;
     s->opt = o;
+    s->customDescriptors = o.descriptors.has_value();
     s->info = modelInfo(o.model);
     s->vid = o.vendorId;
     s->pid = o.productId.value_or(s->info.productId);

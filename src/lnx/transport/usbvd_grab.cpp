@@ -3,6 +3,7 @@
  * parameters, keeps a ring of isochronous requests in flight and cuts the
  * payload into frames by the frame identifier bit of the payload header.
  */
+#include <ctime>
 #include <cstring>
 #include <sys/ioctl.h>
 
@@ -127,8 +128,11 @@ static void USBVDFrameBoundary(USBTR_CONTEXT *pContext, USBVD_ASSEMBLY *pAsm, in
 
     if (pAsm->nImageOffset >= pAsm->nRealImageLength && !pAsm->bOverflow) {
         pthread_mutex_lock(&pContext->aGrabLock);
-        if (USBVDGrabState(pContext) == USBVD_GRAB_STATE_NOT_STARTED)
+        if (USBVDGrabState(pContext) == USBVD_GRAB_STATE_NOT_STARTED) {
             USBVDSetGrabState(pContext, USBVD_GRAB_STATE_RUNNING);
+            /* The start waits on this: let it return now, before the slots fill. */
+            pthread_cond_broadcast(&pContext->aFrameReadyCond);
+        }
         DASSERT(pAsm->nImageOffset == pAsm->nRealImageLength, "nImageOffset == nRealImageLength");
         if (pAsm->nImageIndex != USBVD_NO_SLOT) {
             DASSERT(pAsm->nImageIndex < pContext->nFrameCount, "nImageIndex < pContext->nFrameCount");
@@ -407,13 +411,23 @@ int32_t USBVDStartTransfer(USBTR_CONTEXT *pContext, uint32_t nFrameCount)
     }
 
     /* The thread bounds its own start (no payload within USBVD_START_TIMEOUT
-     * ends it), so this wait ends too. */
+     * ends it), so this wait ends too. It wakes as soon as the thread reports
+     * its first payload or its end; a frame arriving while it slept a whole
+     * poll interval would find every slot taken and be lost. */
     for (;;) {
+        pthread_mutex_lock(&pContext->aGrabLock);
         dwState = USBVDGrabState(pContext);
         if (dwState == USBVD_GRAB_STATE_NOT_STARTED) {
-            FPPltSleep(USBVD_START_POLL);
+            struct timespec aDeadline;
+            clock_gettime(CLOCK_MONOTONIC, &aDeadline);
+            aDeadline.tv_nsec += static_cast<long>(USBVD_START_POLL) * 1000000L;
+            aDeadline.tv_sec += aDeadline.tv_nsec / 1000000000L;
+            aDeadline.tv_nsec %= 1000000000L;
+            pthread_cond_clockwait(&pContext->aFrameReadyCond, &pContext->aGrabLock, CLOCK_MONOTONIC, &aDeadline);
+            pthread_mutex_unlock(&pContext->aGrabLock);
             continue;
         }
+        pthread_mutex_unlock(&pContext->aGrabLock);
         if (dwState == USBVD_GRAB_STATE_RUNNING) {
             DTRACE(_DRegion_usbvd, DTRACE_LEVEL_TRACE, "Thread started :-)");
             iStatus = USBTR_STATUS_SUCCESS;

@@ -45,10 +45,8 @@ else
   what="a source tree without git"
 fi
 
-# The Python package (python/) joins once debian/ describes it: its stanza
-# in debian/python3-ztuvc.control (Architecture: all, Depends: libztuvc3 and
-# ${python3:Depends}) and its files in debian/python3-ztuvc.install;
-# tests/install/package_test.sh then expects it as well.
+# The Python package: its stanza (debian/python3-ztuvc.control) joins
+# debian/control only where the tree has python/.
 if [ -d "$tree/python" ] && [ -f "$tree/debian/python3-ztuvc.control" ]; then
   { echo; cat "$tree/debian/python3-ztuvc.control"; } >>"$tree/debian/control"
 fi

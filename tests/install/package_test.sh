@@ -57,6 +57,9 @@ expect_files libztuvc-dev usr/include/ztuvc.h "usr/lib/$ma/libztuvc.so" "usr/lib
   "usr/lib/$ma/cmake/ztuvc/ztuvcTargets.cmake" "usr/lib/$ma/cmake/ztuvc/ztuvcTargets-none.cmake"
 expect_files ztuvc-tools usr/bin/ztuvc usr/lib/udev/rules.d/60-ztuvc.rules usr/share/man/man1/ztuvc.1.gz
 expect_files ztuvc-sim usr/bin/ztuvc-sim
+if [[ " ${packages[*]} " == *" python3-ztuvc "* ]]; then
+  expect_files python3-ztuvc $(git -C "$src/python" ls-files ztuvc | sed 's|^|usr/lib/python3/dist-packages/|')
+fi
 
 # --- dependencies and the soname
 depends() { dpkg-deb -f "$(deb "$1")" Depends; }

@@ -8,7 +8,8 @@ packages=(
   libgtest-dev libgmock-dev
   umockdev libumockdev-dev
   libusb-1.0-0-dev libuvc-dev
-  libpng-dev nlohmann-json3-dev
+  libpng-dev
+  libcli11-dev nlohmann-json3-dev
   python3-numpy python3-pytest python3-venv
   clang libclang-rt-dev
   valgrind

@@ -9,8 +9,8 @@ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build "$build" -j "$(nproc)"
 out="$PWD/captures"
 mkdir -p "$out"
-if [ -x "$build/tools/ztuvc-sim" ] && [ -x "$build/tools/ztuvc" ]; then
-  "$build/tools/ztuvc-sim" --model 30 -- "$build/tools/ztuvc" capture -n 5 -o "$out/frame-%03d.png"
+if [ -x "$build/sim/ztuvc-sim" ] && [ -x "$build/tools/ztuvc" ]; then
+  "$build/sim/ztuvc-sim" --model 30 -- "$build/tools/ztuvc" capture -n 5 -o "$out/frame-%03d.png"
   echo "Captured images are in $out"
 else
   echo "Built $(readlink -f "$build"/libztuvc.so.3)"

@@ -3,7 +3,7 @@
 // trace file and look at the wire.
 #pragma once
 
-#include "simreader.h"
+#include "simtest.h"
 #include "ztuvc.h"
 
 #include <dirent.h>

@@ -1,7 +1,7 @@
 // The simulator seen through an independent usbfs client (libusb): if libusb
 // enumerates, negotiates and streams from it like from a real camera, what
 // our library sees is what real usbfs gives.
-#include "simreader.h"
+#include "simtest.h"
 
 #include <libusb.h>
 

@@ -1,5 +1,5 @@
 // The simulator driven with raw usbfs calls: what a usbfs client sees.
-#include "simreader.h"
+#include "simtest.h"
 
 #include <dirent.h>
 #include <fcntl.h>

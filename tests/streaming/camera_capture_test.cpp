@@ -7,7 +7,7 @@
 
 #include <chrono>
 
-#include "simreader.h"
+#include "simtest.h"
 #include "ztuvc.h"
 
 namespace {

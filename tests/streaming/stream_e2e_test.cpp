@@ -11,7 +11,7 @@
 
 #include "lnx/platform/fpplat.h"
 #include "lnx/transport/usbtr.h"
-#include "simreader.h"
+#include "simtest.h"
 
 namespace {
 

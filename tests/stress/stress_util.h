@@ -13,7 +13,7 @@
 #include <vector>
 #include <unistd.h>
 
-#include "simreader.h"
+#include "simtest.h"
 #include "ztuvc.h"
 
 namespace stress {

@@ -1,7 +1,7 @@
 // The ztuvc tool end to end: the test process holds the simulated readers
 // and runs the tool as a child process under the same umockdev preload, so
 // the tool drives the readers exactly as on real hardware.
-#include "simreader.h"
+#include "simtest.h"
 #include "tool_run.h"
 
 #include <gtest/gtest.h>

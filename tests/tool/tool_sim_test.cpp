@@ -1,7 +1,6 @@
 // ztuvc-sim: commands run against simulated readers streaming in real time,
 // as a user without hardware runs them.
-#include "siminternal.h"
-#include "simreader.h"
+#include "simtest.h"
 #include "tool_run.h"
 
 #include <gtest/gtest.h>

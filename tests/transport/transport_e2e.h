@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "lnx/transport/usbtr.h"
-#include "simreader.h"
+#include "simtest.h"
 
 namespace transport_e2e {
 

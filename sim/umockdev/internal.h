@@ -13,8 +13,6 @@
 
 namespace sim {
 
-uint8_t fingerprintByte(const ModelInfo& mi, uint32_t frame, uint32_t offset);
-
 // One queued stream item.
 struct QItem {
     enum Kind { FramePacket, Raw, UrbBreak, EmptyUrb } kind = FramePacket;

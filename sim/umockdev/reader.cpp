@@ -1,5 +1,5 @@
 // The reader model behind the usbfs ioctls, and the Reader API.
-#include "siminternal.h"
+#include "internal.h"
 
 #include <linux/usbdevice_fs.h>
 #include <sys/ioctl.h>

@@ -1,20 +1,18 @@
-// Test helpers: preload check, fd and thread counts, watchdog, fixture.
-#include "siminternal.h"
+// Test helpers: fd and thread counts, watchdog, fixture.
+#include "simtest.h"
 
 #include <dirent.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <thread>
 
 namespace sim {
-
-bool underUmockdevPreload() {
-    const char* p = getenv("LD_PRELOAD");
-    return p && strstr(p, "libumockdev-preload");
-}
 
 namespace {
 std::vector<std::string> dirEntries(const char* path) {

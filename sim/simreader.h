@@ -1,4 +1,4 @@
-// Simulated fingerprint readers on umockdev, for end-to-end tests and tools.
+// Simulated fingerprint readers on umockdev, for tests, benchmarks and tools.
 //
 // One sim::Testbed per process (create it first, before the library under
 // test starts any thread). It adds USB devices to umockdev's fake sysfs and
@@ -12,8 +12,6 @@
 //
 // See README.md in this folder for a walk-through.
 #pragma once
-
-#include <gtest/gtest.h>
 
 #include <array>
 #include <cerrno>
@@ -64,6 +62,10 @@ uint32_t frameNumberOf(const uint8_t* image);
 // Index of the first byte of `image` (size bytes) that differs from the
 // pattern of `frame`, or -1 when the whole image matches.
 long firstPatternMismatch(const uint8_t* image, size_t size, uint32_t frame);
+
+// Image byte `offset` of frame `frame` in fingerprint mode: ridges that
+// drift from frame to frame.
+uint8_t fingerprintByte(const ModelInfo& mi, uint32_t frame, uint32_t offset);
 
 // Deterministic flash content: byte at `address` (wraps at kFlashSize).
 uint8_t flashByte(uint32_t address);
@@ -337,7 +339,7 @@ private:
 
 class Testbed {
 public:
-    Testbed();   // skips/fails (gtest) unless running under umockdev's preload
+    Testbed();   // aborts unless running under umockdev's preload
     ~Testbed();
     Testbed(const Testbed&) = delete;
     Testbed& operator=(const Testbed&) = delete;
@@ -368,45 +370,8 @@ private:
     std::unique_ptr<Impl> impl_;
 };
 
-// ------------------------------------------------------------ test helpers
+// ------------------------------------------------------------ environment
 
 bool underUmockdevPreload();            // LD_PRELOAD names libumockdev-preload
-size_t openFdCount();                   // entries of /proc/self/fd
-size_t threadCount();                   // entries of /proc/self/task
-std::vector<std::string> openFds();     // readlink of every /proc/self/fd entry
-
-// Aborts the process with a message naming `what` unless disarmed within
-// `seconds` (a handler that never completes would hang the test forever).
-class Watchdog {
-public:
-    Watchdog(unsigned seconds, std::string what);
-    ~Watchdog();
-    void disarm();
-private:
-    struct Impl;
-    std::unique_ptr<Impl> impl_;
-};
-
-// gtest fixture base: testbed, watchdog, timer slack, preload check.
-class SimTest : public ::testing::Test {
-protected:
-    explicit SimTest(unsigned watchdogSeconds = 60);
-    ~SimTest() override;
-    void SetUp() override;
-    void TearDown() override;
-
-    Testbed& testbed() { return *tb_; }
-    Reader& addReader(Model m = Model::T30) { return tb_->addReader(m); }
-    Reader& addReader(Model m, DeviceOptions opt) { return tb_->addReader(m, std::move(opt)); }
-
-    size_t fdsAtStart() const { return fds0_; }
-    size_t threadsAtStart() const { return threads0_; }
-
-private:
-    unsigned watchdogSeconds_;
-    std::unique_ptr<Testbed> tb_;
-    std::unique_ptr<Watchdog> watchdog_;
-    size_t fds0_ = 0, threads0_ = 0;
-};
 
 }  // namespace sim

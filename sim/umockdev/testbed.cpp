@@ -1,6 +1,6 @@
 // The testbed: devices in umockdev's sysfs and /dev, ioctl handler wiring,
 // lock holders and open denial.
-#include "siminternal.h"
+#include "internal.h"
 
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -205,6 +205,11 @@ struct Testbed::Impl : TestbedImpl {
     Worker worker;
     UMockdevIoctlBase* probe = nullptr;
 };
+
+bool underUmockdevPreload() {
+    const char* p = getenv("LD_PRELOAD");
+    return p && strstr(p, "libumockdev-preload");
+}
 
 Testbed::Testbed() : impl_(std::make_unique<Impl>()) {
     if (!underUmockdevPreload())

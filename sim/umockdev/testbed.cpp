@@ -158,13 +158,13 @@ namespace {
 
 // umockdev serves every emulated file from one worker thread per testbed, a
 // GLib main loop. Destroying a testbed only asks that loop to quit: nothing
-// joins the thread, and a quit sent before the loop first runs is lost. The
-// testbed's GLib objects were then released on this thread while the worker
-// still ran or was only starting, and a short test could even exit the
-// process under it. So the harness joins the worker itself: it finds the
-// worker's context through a probe connection, releases the testbed on the
-// worker, inside its loop (the quit is seen and nothing GLib owns changes
-// threads), and waits for the thread to end.
+// joins the thread, and a quit sent before the loop first runs is lost.
+// Released from this thread, the testbed's GLib objects would race with a
+// worker that still runs or is only starting, and a short test could exit
+// the process under it. So the simulator joins the worker itself: it finds
+// the worker's context through a probe connection, releases the testbed on
+// the worker, inside its loop (the quit is seen and nothing GLib owns
+// changes threads), and waits for the thread to end.
 struct Worker {
     std::mutex m;
     std::condition_variable cv;

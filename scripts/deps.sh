@@ -9,6 +9,7 @@ packages=(
   umockdev libumockdev-dev
   libusb-1.0-0-dev libuvc-dev
   libpng-dev
+  python3-numpy python3-pytest python3-venv
   clang libclang-rt-dev
   valgrind
 )

@@ -5,7 +5,8 @@
 // This process creates umockdev's testbed and the readers and answers their
 // usbfs ioctls; the command runs as a child under umockdev's preload, so an
 // unmodified program (ztuvc, an application) sees real-looking readers in
-// sysfs and /dev/bus/usb. The readers stream at their frame rate.
+// sysfs and /dev/bus/usb. The readers stream at their frame rate. SIGUSR1
+// unplugs them all (the command's own unplug tests send it to its parent).
 #include "simreader.h"
 
 #include <spawn.h>
@@ -38,14 +39,16 @@ const char kHelp[] =
     "  --pattern     stream the test pattern (frame number in bytes 0..3) instead\n"
     "                of fingerprint-like images\n"
     "  -q, --quiet   no banner on stderr\n"
+    "SIGUSR1 to this process unplugs every reader; other signals go to COMMAND.\n"
     "Example: ztuvc-sim --model 30 -- ztuvc capture -n 5\n";
 
-// Signals meant for the command: blocked in every thread of this process
-// (set before the simulator starts its threads) and taken synchronously.
+// Signals meant for the command, and SIGUSR1 (unplug): blocked in every
+// thread of this process (set before the simulator starts its threads) and
+// taken synchronously.
 sigset_t forwardedSignals() {
     sigset_t set;
     sigemptyset(&set);
-    for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaddset(&set, sig);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1}) sigaddset(&set, sig);
     return set;
 }
 
@@ -163,7 +166,12 @@ int main(int argc, char** argv) {
             if (pid != 0 && !(pid < 0 && errno == EINTR)) break;
             const struct timespec tick = {0, 20 * 1000 * 1000};
             int sig = sigtimedwait(&forwarded, nullptr, &tick);
-            if (sig > 0) kill(child, sig);
+            if (sig == SIGUSR1) {
+                for (sim::Reader* r : testbed.devices())
+                    if (r->plugged()) r->unplug();
+            } else if (sig > 0) {
+                kill(child, sig);
+            }
         }
         for (sim::Reader* r : testbed.devices()) r->stopPaced();
     }

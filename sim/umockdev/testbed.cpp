@@ -6,7 +6,9 @@
 #include <linux/fs.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -152,8 +154,58 @@ void TestbedImpl::removeSysfs(ReaderState& s) {
     s.sysPath.clear();
 }
 
+namespace {
+
+// umockdev serves every emulated file from one worker thread per testbed, a
+// GLib main loop. Destroying a testbed only asks that loop to quit: nothing
+// joins the thread, and a quit sent before the loop first runs is lost.
+// Released from this thread, the testbed's GLib objects would race with a
+// worker that still runs or is only starting, and a short test could exit
+// the process under it. So the simulator joins the worker itself: it finds
+// the worker's context through a probe connection, releases the testbed on
+// the worker, inside its loop (the quit is seen and nothing GLib owns
+// changes threads), and waits for the thread to end.
+struct Worker {
+    std::mutex m;
+    std::condition_variable cv;
+    GMainContext* ctx = nullptr;  // the worker's loop, known once the probe connected
+    bool exited = false;
+    int probeFd = -1;
+};
+
+// Lives in the worker thread; its destructor runs when that thread ends.
+struct WorkerExit {
+    Worker* w = nullptr;
+    ~WorkerExit() {
+        if (!w) return;
+        std::lock_guard<std::mutex> g(w->m);
+        w->exited = true;
+        w->cv.notify_all();
+    }
+};
+thread_local WorkerExit tWorkerExit;
+
+const char* kProbeNode = "/dev/sim-worker";
+
+void probeConnected(UMockdevIoctlBase*, UMockdevIoctlClient*, gpointer user) {
+    auto* w = static_cast<Worker*>(user);
+    tWorkerExit.w = w;
+    std::lock_guard<std::mutex> g(w->m);
+    w->ctx = g_main_context_get_thread_default();
+    w->cv.notify_all();
+}
+
+// Bounded waits, for a worker that never answers. Releasing a thousand
+// devices takes minutes on a loaded machine, so the bound is generous; a test
+// fixture's watchdog fires first.
+constexpr auto kWorkerWait = std::chrono::seconds(600);
+
+}  // namespace
+
 struct Testbed::Impl : TestbedImpl {
     std::vector<std::string> immutable;
+    Worker worker;
+    UMockdevIoctlBase* probe = nullptr;
 };
 
 bool underUmockdevPreload() {
@@ -165,7 +217,28 @@ Testbed::Testbed() : impl_(std::make_unique<Impl>()) {
     if (!underUmockdevPreload())
         die("not running under umockdev's preload (LD_PRELOAD lacks libumockdev-preload); run the test through umockdev-wrapper");
     if (gCurrent) die("only one sim::Testbed may exist per process");
-    impl_->tb = umockdev_testbed_new();
+    auto& I = *impl_;
+    I.tb = umockdev_testbed_new();
+
+    // Connect to a handler of our own: its client-connected signal runs on
+    // the worker, once its loop runs.
+    I.probe = umockdev_ioctl_base_new();
+    g_signal_connect(I.probe, "client-connected", G_CALLBACK(probeConnected), &I.worker);
+    GError* err = nullptr;
+    if (!umockdev_testbed_attach_ioctl(I.tb, kProbeNode, I.probe, &err))
+        die(std::string("umockdev_testbed_attach_ioctl(probe) failed: ") + (err ? err->message : "?"));
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    const std::string sock = TestbedRoot(I.tb) + "/ioctl" + kProbeNode;
+    if (sock.size() >= sizeof addr.sun_path) die("testbed path too long for a socket: " + sock);
+    memcpy(addr.sun_path, sock.c_str(), sock.size() + 1);
+    I.worker.probeFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (I.worker.probeFd < 0 || connect(I.worker.probeFd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0)
+        die("cannot connect to " + sock + ": " + strerror(errno));
+    std::unique_lock<std::mutex> l(I.worker.m);
+    if (!I.worker.cv.wait_for(l, kWorkerWait, [&] { return I.worker.ctx != nullptr; }))
+        die("umockdev's worker thread did not start");
+    l.unlock();
     gCurrent = this;
 }
 
@@ -176,13 +249,33 @@ Testbed::~Testbed() {
         states = impl_->states;
     }
     for (auto& r : impl_->readers) r->stopPaced();
-    std::string root = TestbedRoot(impl_->tb);
     for (auto& p : impl_->immutable) setImmutable(p, false);
-    for (auto& n : impl_->nodes) {
-        umockdev_testbed_detach_ioctl(impl_->tb, n.first.c_str(), nullptr);
-        g_object_unref(n.second.handler);
+    Worker& w = impl_->worker;
+    // Detach and release every handler, then the testbed, whose destructor
+    // quits the worker's loop: all on the worker, inside that loop.
+    g_main_context_invoke(w.ctx, [](gpointer p) -> gboolean {
+        auto& I = *static_cast<Impl*>(p);
+        UMockdevTestbed* tb;
+        {
+            std::lock_guard<std::mutex> g(I.m);
+            tb = I.tb;
+            I.tb = nullptr;
+        }
+        for (auto& n : I.nodes) {
+            umockdev_testbed_detach_ioctl(tb, n.first.c_str(), nullptr);
+            g_object_unref(n.second.handler);
+        }
+        umockdev_testbed_detach_ioctl(tb, kProbeNode, nullptr);
+        g_object_unref(I.probe);
+        g_object_unref(tb);
+        return G_SOURCE_REMOVE;
+    }, impl_.get());
+    {
+        std::unique_lock<std::mutex> l(w.m);
+        if (!w.cv.wait_for(l, kWorkerWait, [&] { return w.exited; }))
+            die("umockdev's worker thread did not end after the testbed was released");
     }
-    g_object_unref(impl_->tb);
+    close(w.probeFd);
     // URBs never reaped still hold client data copies.
     for (auto& s : states) {
         std::lock_guard<std::mutex> g(s->m);

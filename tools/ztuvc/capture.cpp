@@ -5,6 +5,7 @@
 
 #include <CLI/App.hpp>
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -117,8 +118,18 @@ int cmdCapture(const Args& a) {
     const size_t imageBytes = size_t(g.width) * g.height;
     std::vector<uint8_t> image(imageBytes);
 
+    // The grab thread inherits the mask of the thread that starts it: with
+    // SIGINT and SIGTERM blocked there, Ctrl-C always reaches this thread and
+    // never interrupts the grab thread's ioctls.
+    sigset_t stopSignals, mask;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, &mask);
     auto t0 = std::chrono::steady_clock::now();
-    if (int32_t rc = camera_start_capture(cam.h, uint32_t(slots)); rc != 0) {
+    const int32_t started = camera_start_capture(cam.h, uint32_t(slots));
+    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+    if (int32_t rc = started; rc != 0) {
         if (rc == CAMERA_ERR_NO_DEVICE) {
             errorf("cannot start capture: the reader is gone");
         } else {

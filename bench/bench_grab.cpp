@@ -21,6 +21,7 @@
 
 #include "common/usbtr/usbtrint.h"
 #include "lnx/transport/usbtr.h"
+#include "stream_fill.h"
 #include "../tests/usbfs_standin.h"
 
 namespace {
@@ -30,33 +31,10 @@ constexpr uint32_t kPacket = USBVD_ISO_PACKET_SIZE;
 constexpr uint32_t kPayload = kPacket - USBVD_PAYLOAD_HEADER_SIZE;
 
 USBTR_CONTEXT* gCtx;
-uint32_t gImage;
 uint64_t gFramesWanted, gFramesDelivered;
-uint64_t gPacketsOfFrame, gPacketNo;
-bool gFid;
+StreamFill gStream;
 std::deque<usbdevfs_urb*> gCompleted;
 std::deque<usbdevfs_urb*> gParked;
-
-// The stream as a reader sends it: full packets, the FID toggling per frame.
-void Fill(usbdevfs_urb* u)
-{
-    auto* buf = static_cast<uint8_t*>(u->buffer);
-    for (int k = 0; k < u->number_of_packets; k++) {
-        if (gPacketNo == gPacketsOfFrame) {
-            gPacketNo = 0;
-            gFid = !gFid;
-        }
-        uint32_t nLeft = gImage - uint32_t(gPacketNo * kPayload);
-        uint32_t d = nLeft < kPayload ? nLeft : kPayload;
-        uint8_t* p = buf + size_t(k) * kPacket;
-        p[0] = 12;
-        p[1] = uint8_t(0x8C | (gFid ? 1 : 0) | (d == nLeft ? 2 : 0));
-        u->iso_frame_desc[k].actual_length = USBVD_PAYLOAD_HEADER_SIZE + d;
-        u->iso_frame_desc[k].status = 0;
-        gPacketNo++;
-    }
-    u->status = 0;
-}
 
 // The application: takes each ready frame and gives it back at once.
 void TakeFrames()
@@ -80,7 +58,7 @@ int Handle(unsigned long request, void* arg)
             gParked.push_back(u);  // enough: the stream ends
             USBVDSetGrabState(gCtx, USBVD_GRAB_STATE_STOPPED);
         } else {
-            Fill(u);
+            gStream.fill(u);
         }
         gCompleted.push_back(u);
         return 0;
@@ -137,9 +115,7 @@ int main(int argc, char** argv)
             pInfo = &r.aVideoInfo;
     if (pInfo == nullptr)
         return 1;
-    gImage = pInfo->dwImageWidth * pInfo->dwImageHeight;
-    gPacketsOfFrame = (gImage + kPayload - 1) / kPayload;
-    gPacketNo = gPacketsOfFrame;
+    gStream.start(pInfo->dwImageWidth * pInfo->dwImageHeight);
 
     gCtx = static_cast<USBTR_CONTEXT*>(calloc(1, sizeof(USBTR_CONTEXT)));
     gCtx->dwMagic = USBTR_CTX_MAGIC;

@@ -43,12 +43,11 @@
 
 #include "common/usbtr/usbtrint.h"
 #include "lnx/transport/usbtr.h"
+#include "stream_fill.h"
 #include "../tests/usbfs_standin.h"
 
 namespace {
 
-constexpr uint32_t kPacket = USBVD_ISO_PACKET_SIZE;
-constexpr uint32_t kPayload = kPacket - USBVD_PAYLOAD_HEADER_SIZE;
 constexpr uint64_t kNotWritable = 0xfffffffffffffffeULL;
 
 // An adaptive lock: it spins a little before it sleeps.  The grab thread,
@@ -73,8 +72,7 @@ int gFd = -1;
 AdaptiveLock gLock;
 std::deque<usbdevfs_urb*> gInFlight, gCompleted;
 uint64_t gReaped;
-uint32_t gImage, gPacketsOfFrame, gPacketNo;
-bool gFid;
+StreamFill gStream;
 
 // Under gLock: the descriptor polls writable exactly while gCompleted holds a request.
 void Signal(bool bReady)
@@ -86,27 +84,6 @@ void Signal(bool bReady)
     } else if (write(gFd, &v, sizeof(v)) < 0) {
         perror("eventfd write");
     }
-}
-
-// The stream as a reader sends it: full packets, the FID toggling per frame.
-void Fill(usbdevfs_urb* u)
-{
-    auto* buf = static_cast<uint8_t*>(u->buffer);
-    for (int k = 0; k < u->number_of_packets; k++) {
-        if (gPacketNo == gPacketsOfFrame) {
-            gPacketNo = 0;
-            gFid = !gFid;
-        }
-        uint32_t nLeft = gImage - gPacketNo * kPayload;
-        uint32_t d = nLeft < kPayload ? nLeft : kPayload;
-        uint8_t* p = buf + size_t(k) * kPacket;
-        p[0] = 12;
-        p[1] = uint8_t(0x8C | (gFid ? 1 : 0) | (d == nLeft ? 2 : 0));
-        u->iso_frame_desc[k].actual_length = USBVD_PAYLOAD_HEADER_SIZE + d;
-        u->iso_frame_desc[k].status = 0;
-        gPacketNo++;
-    }
-    u->status = 0;
 }
 
 void Complete(usbdevfs_urb* u)
@@ -182,7 +159,7 @@ void Bus(const bool* pbQuit)
         if (!gInFlight.empty()) {
             usbdevfs_urb* u = gInFlight.front();
             gInFlight.pop_front();
-            Fill(u);
+            gStream.fill(u);
             Complete(u);
         }
     }
@@ -434,7 +411,7 @@ int RunLibusb(double dSeconds, bool bCopies)
     libusb_interrupt_event_handler(lctx);
     pthread_join(events, nullptr);
     w.report(bCopies ? "libusb + libuvc's copies" : "libusb alone", "event thread",
-             bCopies ? "wait_peer" : "wait_libusb", double(p1 - p0) / gPacketsOfFrame);
+             bCopies ? "wait_peer" : "wait_libusb", double(p1 - p0) / gStream.packetsOfFrame);
     for (libusb_transfer* t : ring) {
         free(t->buffer);
         libusb_free_transfer(t);
@@ -487,9 +464,7 @@ int main(int argc, char** argv)
     if (pInfo == nullptr || gFd < 0)
         return 1;
     Signal(false);
-    gImage = pInfo->dwImageWidth * pInfo->dwImageHeight;
-    gPacketsOfFrame = (gImage + kPayload - 1) / kPayload;
-    gPacketNo = gPacketsOfFrame;
+    gStream.start(pInfo->dwImageWidth * pInfo->dwImageHeight);
 
     bool bQuit = false;
     std::thread bus(Bus, &bQuit);

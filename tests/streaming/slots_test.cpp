@@ -42,6 +42,7 @@ TEST(Slots, QueuesKeepOrderAndRefuseWhatDoesNotFit)
     EXPECT_EQ(LILOGet(c.p, USBVD_IMAGE_STATE_FREE), -1);
     Context two(2);
     for (uint8_t i : {0, 1, 2}) LILOPut(two.p, USBVD_IMAGE_STATE_FREE, i);  // 2: the stream's slot count
+    EXPECT_EQ(two.p->aImageStates[2], USBVD_IMAGE_NO_STATE) << "index 2 is beyond two slots";
     two.p->aImageStates[1] = USBVD_IMAGE_NO_STATE;  // as if it had left by a wrong path
     LILOPut(two.p, USBVD_IMAGE_STATE_FREE, 1);
     EXPECT_EQ(two.queue(USBVD_IMAGE_STATE_FREE), (std::vector<int>{0, 1})) << "a full queue takes no more";

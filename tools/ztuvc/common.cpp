@@ -19,22 +19,27 @@ namespace ztuvc_tool {
 
 const char* const kProg = "ztuvc";
 
-void errorf(const char* fmt, ...) {
+namespace {
+// "ztuvc: <message>" on stderr, after whatever stdout still holds.
+void vmessage(const char* fmt, va_list ap) {
     std::fflush(stdout);
     std::fprintf(stderr, "%s: ", kProg);
+    std::vfprintf(stderr, fmt, ap);
+}
+}  // namespace
+
+void errorf(const char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
-    std::vfprintf(stderr, fmt, ap);
+    vmessage(fmt, ap);
     va_end(ap);
     std::fputc('\n', stderr);
 }
 
 int usageError(const std::string& command, const char* fmt, ...) {
-    std::fflush(stdout);
-    std::fprintf(stderr, "%s: ", kProg);
     va_list ap;
     va_start(ap, fmt);
-    std::vfprintf(stderr, fmt, ap);
+    vmessage(fmt, ap);
     va_end(ap);
     std::fprintf(stderr, "\nTry '%s %s--help' for more information.\n", kProg,
                  command.empty() ? "" : (command + " ").c_str());

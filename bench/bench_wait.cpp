@@ -271,6 +271,7 @@ int RunZtuvc(const USBTR_VIDEO_INFO* pInfo, double dSeconds)
     pthread_mutex_init(&ctx->aGrabLock, nullptr);
     pthread_cond_init(&ctx->aFrameReadyCond, nullptr);
     pthread_mutex_init(&ctx->aSyncSlotLock, nullptr);
+    USBTROpenWake(ctx);  // as USBTROpen does
     ctx->pVDDeviceInfo = pInfo;
     ctx->dwFrameInterval = USBTRStreamingInterval(pInfo);
 

@@ -217,28 +217,38 @@ TEST_F(Request, AReapByAnotherThreadAndAWaitWithoutEnd)
 
 // A descriptor poll() can tell about but that never signals, as when another
 // thread reaped the completion: a waiter asleep in poll() still sees its mark
-// (with an infinite time-out, a wait bounded only by the signal never ends).
+// (with an infinite time-out, a wait bounded only by the signal never ends),
+// first in bounded sleeps, then, with the wake-up descriptor of an opened
+// context, in one sleep without end that only the reaper's wake-up ends.
 TEST_F(Request, AWaiterInPollSeesAMarkSetByAnotherThread)
 {
     const int efd = eventfd(0, EFD_CLOEXEC);
     const uint64_t full = 0xfffffffffffffffeULL; // an eventfd at this count is never writable
     ASSERT_EQ(write(efd, &full, sizeof(full)), ssize_t(sizeof(full)));
     gFd = ctx_->fdDevice = efd;
-    USBTR_REQUEST req;
-    uint8_t data[8];
-    kernel_.answers = {-1};
-    USBTRPrepareRequest(ctx_.get(), &req, 0x83, 0x80, USB_TRANSFER_TYPE_BULK, data, sizeof(data));
-    EXPECT_EQ(USBTRSubmitRequest(ctx_.get(), &req), USBTR_STATUS_SUCCESS);
-    std::thread other([&] {
-        WaitFor([&] {
-            return std::any_of(kernel_.calls.begin(), kernel_.calls.end(),
-                               [](const auto &c) { return c.first == USBDEVFS_REAPURBNDELAY; });
+    kernel_.answers = {-1, -1};
+    for (const bool bWake : {false, true}) {
+        if (bWake) {
+            USBTROpenWake(ctx_.get());
+            std::lock_guard<std::mutex> l(kernel_.m);
+            kernel_.calls.clear();
+        }
+        USBTR_REQUEST req;
+        uint8_t data[8];
+        USBTRPrepareRequest(ctx_.get(), &req, 0x83, 0x80, USB_TRANSFER_TYPE_BULK, data, sizeof(data));
+        EXPECT_EQ(USBTRSubmitRequest(ctx_.get(), &req), USBTR_STATUS_SUCCESS);
+        std::thread other([&] {
+            WaitFor([&] {
+                return std::any_of(kernel_.calls.begin(), kernel_.calls.end(),
+                                   [](const auto &c) { return c.first == USBDEVFS_REAPURBNDELAY; });
+            });
+            CompleteFirstInFlight(8);
+            USBTRTryReapThisRequest(ctx_.get(), nullptr); // reaps and marks it
         });
-        CompleteFirstInFlight(8);
-        USBTRTryReapThisRequest(ctx_.get(), nullptr); // reaps and marks it
-    });
-    EXPECT_EQ(USBTRPollReapThisRequest(ctx_.get(), &req, USBTR_TIMEOUT_INFINITE), USBTR_STATUS_SUCCESS);
-    other.join();
+        EXPECT_EQ(USBTRPollReapThisRequest(ctx_.get(), &req, USBTR_TIMEOUT_INFINITE), USBTR_STATUS_SUCCESS);
+        other.join();
+    }
+    USBTRCloseWake(ctx_.get());
     gFd = 0x5A5A;
     close(efd);
 }

@@ -182,8 +182,10 @@ constexpr int USB_TRANSFER_TYPE_CONTROL = USBDEVFS_URB_TYPE_CONTROL;
 constexpr int USB_TRANSFER_TYPE_BULK = USBDEVFS_URB_TYPE_BULK;
 constexpr uint32_t USBTR_TIMEOUT_INFINITE = 0xFFFFFFFF;
 constexpr uint32_t USBTR_REAP_POLL_US = 200;
-/* Longest sleep in poll() between reap passes: a completion that another
- * thread reaps leaves nothing to wake on, so its mark is looked at after this. */
+/* Longest sleep in poll() between reap passes for a waiter that nobody wakes
+ * when another thread reaps its completion (the node's signal is gone then),
+ * so its mark is looked at after this.  One waiter at a time may sleep longer:
+ * whoever marks a request for it wakes it through the context's eventfd. */
 constexpr int USBTR_REAP_WAIT_MS = 1;
 /* Wake-ups in a row with nothing to reap before a node counts as one that
  * poll() cannot tell about. */
@@ -307,6 +309,11 @@ struct USBTR_CONTEXT {
      * waiter (atomic accesses); from USBTR_POLL_BLIND_AFTER on, the node is
      * taken for one that poll() cannot tell about. */
     uint32_t nPollMisses;
+    /* Wakes the one waiter that sleeps beyond USBTR_REAP_WAIT_MS (an eventfd;
+     * 0 or below: none, as in a zero-filled context), and the flag that such
+     * a waiter is asleep (atomic accesses). */
+    int32_t fdWake;
+    uint32_t bLongWaiter;
     pthread_mutex_t aSyncSlotLock;
     USBTR_SYNC_SLOT aSyncSlots[USBTR_SYNC_SLOT_COUNT];
     USBVD_ISO_REQUEST aIsoRequests[USBVD_ISO_REQUEST_COUNT];
@@ -431,6 +438,12 @@ inline void USBTRPrepareRequest(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest
 int32_t USBTRSubmitRequest(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest);
 int32_t USBTRPollReapThisRequest(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest, uint32_t dwTimeout);
 int32_t USBTRTryReapThisRequest(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest);
+/* Marks a reaped request completed; a waiter asleep beyond the usual bound is
+ * woken, since the request may be the one it waits for. */
+void USBTRMarkReaped(USBTR_CONTEXT *pContext, USBTR_REQUEST *pReaped);
+/* The context's wake-up descriptor: made at open, closed at close. */
+void USBTROpenWake(USBTR_CONTEXT *pContext);
+void USBTRCloseWake(USBTR_CONTEXT *pContext);
 int32_t USBTRDiscardRequest(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest);
 int32_t USBTRSynchronousTransferEx(USBTR_CONTEXT *pContext, USBTR_REQUEST **ppRequest,
                                    pthread_mutex_t *pLock, int iEndPoint, int iDirection, int iType,

@@ -288,6 +288,7 @@ int32_t USBTROpen(void *pLibCtx, const USBTR_DEVICE_DESCRIPTION *pDeviceRequest,
                     "(pthread_mutex_init(&pCtx->aSyncSlotLock,((void *)0))) == 0");
             DASSERT(pthread_cond_init(&pCtx->aFrameReadyCond, nullptr) == 0,
                     "(pthread_cond_init(&pCtx->aFrameReadyCond,((void *)0))) == 0");
+            USBTROpenWake(pCtx);
             USBTRChangeCheckHandleCount(1);
             PrepareGrabThreadAttributes(pCtx);
             *phTransferHandle = pCtx;
@@ -314,6 +315,7 @@ int32_t USBTRClose(USBTR_CONTEXT *pContext)
             close(pContext->fdDevice);
             pContext->fdDevice = -1;
         }
+        USBTRCloseWake(pContext);
         pthread_mutex_destroy(&pContext->aIntReadLock);
         pthread_mutex_destroy(&pContext->aGrabLock);
         pthread_mutex_destroy(&pContext->aSyncSlotLock);

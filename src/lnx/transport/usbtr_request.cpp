@@ -23,7 +23,9 @@
  */
 #include <cerrno>
 #include <cstring>
+#include <climits>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -111,6 +113,71 @@ __attribute__((always_inline)) inline int32_t IOCtlEx(USBTR_CONTEXT *pContext, u
     return iStatus;
 }
 
+/* The engine's loud records (the entries and exits of submit, poll-reap, reap
+ * pass and ioctl) are all written in one region at one level, which never
+ * changes once configured.  When that level is off, the hot paths below skip
+ * the per-call bookkeeping; the only records they can still write (failures)
+ * are indented as the nested calls would have indented them. */
+inline bool LoudTraceOff()
+{
+    return !_DMayTrace(&_DRegion_usbtr, DTRACE_LEVEL_LOUD);
+}
+
+/* A failed ioctl of a quiet path, with its records nDepth calls deeper. */
+__attribute__((noinline, cold)) int32_t QuietFailure(USBTR_CONTEXT *pContext, unsigned long request, int iErrno,
+                                                     int nDepth)
+{
+    gDIndentDepth += nDepth;
+    int32_t iStatus = FailureStatus(pContext, request, iErrno);
+    gDIndentDepth -= nDepth;
+    errno = iErrno;
+    return iStatus;
+}
+
+/* USBTRIOCtlEx without its (unwritten) records, for a non-null context;
+ * nDepth is the depth of its body below the caller's. */
+__attribute__((always_inline)) inline int32_t QuietIOCtl(USBTR_CONTEXT *pContext, unsigned long request,
+                                                          void *pArgument, int nDepth)
+{
+    if (USBTRStatusFlags(pContext) & USBTR_SF_DISCONNECTED)
+        return USBTR_STATUS_COMM_ERROR;
+    if (__builtin_expect(ioctl(pContext->fdDevice, request, pArgument) >= 0, 1))
+        return USBTR_STATUS_SUCCESS;
+    int iErrno = errno;
+    if (iErrno == EAGAIN)
+        return USBTR_STATUS_TIMEOUT;
+    return QuietFailure(pContext, request, iErrno, nDepth);
+}
+
+/* A reap pass whose records are not written; the pass's own body would be
+ * one call below the caller, its ioctl's body two. */
+__attribute__((always_inline)) inline int32_t QuietReap(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest,
+                                                         bool *pbReaped, int nDepth)
+{
+    int32_t iStatus;
+    for (;;) {
+        void *pReaped = nullptr;
+        iStatus = QuietIOCtl(pContext, USBDEVFS_REAPURBNDELAY, &pReaped, nDepth + 2);
+        if (iStatus != USBTR_STATUS_SUCCESS)
+            break;
+        if (pReaped == nullptr) {
+            DERROR("USBTR_STATUS_GENERAL_ERROR");
+            iStatus = USBTR_STATUS_GENERAL_ERROR;
+            break;
+        }
+        USBTR_REQUEST *pDone = static_cast<USBTR_REQUEST *>(pReaped);
+        *pbReaped = true;
+        if (pDone == pRequest) {
+            USBTRSetRequestMark(pDone, pDone);
+            return USBTR_STATUS_SUCCESS;
+        }
+        USBTRMarkReaped(pContext, pDone);
+    }
+    if (pRequest != nullptr && USBTRRequestMark(pRequest) != nullptr)
+        iStatus = USBTR_STATUS_SUCCESS;
+    return iStatus;
+}
+
 /* One reap pass (the records are USBTRTryReapThisRequest's); *pbReaped tells
  * whether it collected any request at all. */
 __attribute__((always_inline)) inline int32_t TryReap(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest,
@@ -131,10 +198,12 @@ __attribute__((always_inline)) inline int32_t TryReap(USBTR_CONTEXT *pContext, U
             break;
         }
         USBTR_REQUEST *pDone = static_cast<USBTR_REQUEST *>(pReaped);
-        USBTRSetRequestMark(pDone, pDone);
         *pbReaped = true;
-        if (pDone == pRequest)
+        if (pDone == pRequest) {
+            USBTRSetRequestMark(pDone, pDone);
             break;
+        }
+        USBTRMarkReaped(pContext, pDone);
     }
     /* Another thread may have reaped it for us. */
     if (pRequest != nullptr && USBTRRequestMark(pRequest) != nullptr)
@@ -144,18 +213,44 @@ __attribute__((always_inline)) inline int32_t TryReap(USBTR_CONTEXT *pContext, U
 }
 
 /* Sleeps until the next reap pass; true when poll() said that a completion
- * (or the device's end) is there to be reaped. */
-bool WaitBeforeNextPass(USBTR_CONTEXT *pContext, bool bAfterMiss)
+ * (or the device's end) is there to be reaped.  iLongMs: how long the waiter
+ * for pRequest may sleep if it is the one woken through the eventfd (-1: no
+ * end); every other waiter sleeps at most USBTR_REAP_WAIT_MS. */
+bool WaitBeforeNextPass(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest, bool bAfterMiss, int iLongMs)
 {
     std::atomic_ref<uint32_t> aMisses(pContext->nPollMisses);
     /* Right after a wake-up that found nothing, sleep the fixed pass: a node
      * that always polls ready must not make the waiter spin. */
     if (!bAfterMiss && aMisses.load(std::memory_order_relaxed) < USBTR_POLL_BLIND_AFTER) {
-        struct pollfd aPoll = {pContext->fdDevice, POLLOUT, 0};
-        int n = poll(&aPoll, 1, USBTR_REAP_WAIT_MS);
-        if (n <= 0)
-            return false; /* the interval passed (or a signal came) */
-        if ((aPoll.revents & POLLNVAL) == 0)
+        struct pollfd aPoll[2] = {{pContext->fdDevice, POLLOUT, 0}, {pContext->fdWake, POLLIN, 0}};
+        nfds_t nFds = 1;
+        int iWaitMs = USBTR_REAP_WAIT_MS;
+        std::atomic_ref<uint32_t> aLong(pContext->bLongWaiter);
+        uint32_t dwNone = 0;
+        if (pContext->fdWake > 0 && (iLongMs < 0 || iLongMs > USBTR_REAP_WAIT_MS) &&
+            aLong.compare_exchange_strong(dwNone, 1)) {
+            /* Pairs with USBTRMarkReaped: either the reaper sees this waiter
+             * asleep and wakes it, or the waiter sees the mark here. */
+            std::atomic_thread_fence(std::memory_order_seq_cst);
+            if (USBTRRequestMark(pRequest) != nullptr) {
+                aLong.store(0, std::memory_order_release);
+                return false;
+            }
+            nFds = 2;
+            iWaitMs = iLongMs;
+        }
+        int n = poll(aPoll, nFds, iWaitMs);
+        if (nFds == 2) {
+            aLong.store(0, std::memory_order_release);
+            /* Only this waiter drains the counter; a wake-up meant for an
+             * earlier sleep costs one extra pass at most. */
+            uint64_t nCount;
+            if (n > 0 && (aPoll[1].revents & POLLIN) != 0 && read(pContext->fdWake, &nCount, sizeof(nCount)) < 0)
+                return false;
+        }
+        if (n <= 0 || aPoll[0].revents == 0)
+            return false; /* the interval passed, a signal came, or another thread's reap */
+        if ((aPoll[0].revents & POLLNVAL) == 0)
             return true;
         /* Not an open descriptor: poll() cannot tell anything about it. */
         aMisses.store(USBTR_POLL_BLIND_AFTER, std::memory_order_relaxed);
@@ -178,6 +273,14 @@ bool NoteWakeUp(USBTR_CONTEXT *pContext, bool bReaped)
     if (n < USBTR_POLL_BLIND_AFTER)
         aMisses.store(n + 1, std::memory_order_relaxed);
     return true;
+}
+
+/* A refused submission's record, nDepth calls below the caller's depth. */
+__attribute__((noinline, cold)) void SubmitFailed(int32_t iStatus, int nDepth)
+{
+    gDIndentDepth += nDepth;
+    DTRACE(_DRegion_usbtr, DTRACE_LEVEL_ERROR, "USBTRIOCtl(IOCTL_USB_SUBMITURB) --> %d", iStatus);
+    gDIndentDepth -= nDepth;
 }
 
 void LockOrReport(pthread_mutex_t *pLock)
@@ -250,12 +353,19 @@ int32_t USBTRIOCtlVal(USBTR_CONTEXT *pContext, unsigned long request, uint32_t d
 
 int32_t USBTRSubmitRequest(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest)
 {
+    if (LoudTraceOff() && pContext != nullptr) {
+        USBTRSetRequestMark(pRequest, nullptr);
+        int32_t iStatus = QuietIOCtl(pContext, USBDEVFS_SUBMITURB, pRequest, 2);
+        if (iStatus != USBTR_STATUS_SUCCESS)
+            SubmitFailed(iStatus, 1);
+        return iStatus;
+    }
     DTRACE_ENTER(aCall, _DRegion_usbtr, DTRACE_LEVEL_LOUD, "%s(%p,%p)", static_cast<void *>(pContext),
                  static_cast<void *>(pRequest));
     USBTRSetRequestMark(pRequest, nullptr);
     int32_t iStatus = IOCtlEx(pContext, USBDEVFS_SUBMITURB, pRequest, nullptr);
     if (iStatus != USBTR_STATUS_SUCCESS)
-        DTRACE(_DRegion_usbtr, DTRACE_LEVEL_ERROR, "USBTRIOCtl(IOCTL_USB_SUBMITURB) --> %d", iStatus);
+        SubmitFailed(iStatus, 0);
     DTRACE_EXIT(aCall, "%s() --> %d", iStatus);
     return iStatus;
 }
@@ -269,42 +379,84 @@ int32_t USBTRDiscardRequest(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest)
     return iStatus;
 }
 
+void USBTRMarkReaped(USBTR_CONTEXT *pContext, USBTR_REQUEST *pReaped)
+{
+    USBTRSetRequestMark(pReaped, pReaped);
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    if (std::atomic_ref<uint32_t>(pContext->bLongWaiter).load(std::memory_order_relaxed) != 0) {
+        const uint64_t nOne = 1;
+        /* A full counter needs no more: it already polls readable. */
+        if (write(pContext->fdWake, &nOne, sizeof(nOne)) < 0)
+            return;
+    }
+}
+
+void USBTROpenWake(USBTR_CONTEXT *pContext)
+{
+    pContext->fdWake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    /* Without one (or with descriptor 0, which a zero-filled context also
+     * holds), every waiter keeps the short bound. */
+    if (pContext->fdWake == 0)
+        close(0);
+}
+
+void USBTRCloseWake(USBTR_CONTEXT *pContext)
+{
+    if (pContext->fdWake > 0)
+        close(pContext->fdWake);
+    pContext->fdWake = -1;
+}
+
 int32_t USBTRTryReapThisRequest(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest)
 {
     bool bReaped = false;
     return TryReap(pContext, pRequest, &bReaped);
 }
 
+/* The waiting loop of USBTRPollReapThisRequest; bLoud: with the records of
+ * each pass (else the pass's body would be two calls below the caller's). */
+template <bool bLoud>
+__attribute__((always_inline)) inline int32_t PollReap(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest,
+                                                        uint32_t dwTimeout)
+{
+    /* The clock is read only once the first pass has found nothing: a
+     * request that is already there costs no clock reading. */
+    uint32_t dwStart = 0;
+    bool bWaited = false;
+    bool bWoken = false; /* the last wait ended by poll() saying ready */
+    bool bMissed = false;
+    for (;;) {
+        bool bReaped = false;
+        int32_t iStatus = bLoud ? TryReap(pContext, pRequest, &bReaped) : QuietReap(pContext, pRequest, &bReaped, 1);
+        if (bWoken)
+            bMissed = NoteWakeUp(pContext, bReaped || iStatus != USBTR_STATUS_TIMEOUT);
+        if (iStatus != USBTR_STATUS_TIMEOUT)
+            return iStatus;
+        uint32_t dwNow = FPPltGetTime();
+        if (!bWaited) {
+            dwStart = dwNow;
+            bWaited = true;
+        } else if (dwTimeout != USBTR_TIMEOUT_INFINITE && dwNow - dwStart > dwTimeout) {
+            return iStatus;
+        }
+        /* Up to just past the time-out, when nothing wakes it earlier. */
+        uint32_t dwLeft = dwTimeout - (dwNow - dwStart);
+        int iLongMs = dwTimeout == USBTR_TIMEOUT_INFINITE ? -1 : dwLeft < INT_MAX ? int(dwLeft) + 1 : INT_MAX;
+        bWoken = WaitBeforeNextPass(pContext, pRequest, bWoken && bMissed, iLongMs);
+    }
+}
+
 int32_t USBTRPollReapThisRequest(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest, uint32_t dwTimeout)
 {
+    if (LoudTraceOff() && pContext != nullptr && pRequest != nullptr && dwTimeout != 0)
+        return PollReap<false>(pContext, pRequest, dwTimeout);
     DTRACE_ENTER(aCall, _DRegion_usbtr, DTRACE_LEVEL_LOUD, "%s(%p,%p,%u)", static_cast<void *>(pContext),
                  static_cast<void *>(pRequest), dwTimeout);
     DASSERT(pRequest != nullptr, "pRequest");
     DASSERT(dwTimeout != 0, "dwTimeout");
     int32_t iStatus = USBTR_STATUS_GENERAL_ERROR;
-    if (pRequest != nullptr) {
-        /* The clock is read only once the first pass has found nothing: a
-         * request that is already there costs no clock reading. */
-        uint32_t dwStart = 0;
-        bool bWaited = false;
-        bool bWoken = false; /* the last wait ended by poll() saying ready */
-        bool bMissed = false;
-        for (;;) {
-            bool bReaped = false;
-            iStatus = TryReap(pContext, pRequest, &bReaped);
-            if (bWoken)
-                bMissed = NoteWakeUp(pContext, bReaped || iStatus != USBTR_STATUS_TIMEOUT);
-            if (iStatus != USBTR_STATUS_TIMEOUT)
-                break;
-            if (!bWaited) {
-                dwStart = FPPltGetTime();
-                bWaited = true;
-            } else if (dwTimeout != USBTR_TIMEOUT_INFINITE && FPPltGetTime() - dwStart > dwTimeout) {
-                break;
-            }
-            bWoken = WaitBeforeNextPass(pContext, bWoken && bMissed);
-        }
-    }
+    if (pRequest != nullptr)
+        iStatus = PollReap<true>(pContext, pRequest, dwTimeout);
     DTRACE_EXIT(aCall, "%s() --> %d", iStatus);
     return iStatus;
 }

@@ -34,10 +34,10 @@ void USBVDPrepareISORequest(USBTR_CONTEXT *pContext, USBVD_ISO_REQUEST *pRequest
     USBTRSetRequestMark(&pRequest->aRequest, &pRequest->aRequest);
 }
 
-static inline void USBVDMarkReaped(void *pReaped)
+static inline void USBVDMarkReaped(USBTR_CONTEXT *pContext, void *pReaped)
 {
     if (pReaped != nullptr)
-        USBTRSetRequestMark((USBTR_REQUEST *)pReaped, pReaped);
+        USBTRMarkReaped(pContext, (USBTR_REQUEST *)pReaped);
 }
 
 static bool USBVDRingCollected(USBTR_CONTEXT *pContext)
@@ -60,7 +60,7 @@ static void USBVDDiscardRing(USBTR_CONTEXT *pContext)
         USBTRDiscardRequest(pContext, &pContext->aIsoRequests[i].aRequest);
         void *pReaped = nullptr;
         if (USBTRIOCtlEx(pContext, USBDEVFS_REAPURBNDELAY, &pReaped, nullptr) == USBTR_STATUS_SUCCESS)
-            USBVDMarkReaped(pReaped);
+            USBVDMarkReaped(pContext, pReaped);
     }
 
     uint32_t dwStart = FPPltGetTime();
@@ -68,7 +68,7 @@ static void USBVDDiscardRing(USBTR_CONTEXT *pContext)
         void *pReaped = nullptr;
         int32_t iStatus = USBTRIOCtlEx(pContext, USBDEVFS_REAPURBNDELAY, &pReaped, nullptr);
         if (iStatus == USBTR_STATUS_SUCCESS) {
-            USBVDMarkReaped(pReaped);
+            USBVDMarkReaped(pContext, pReaped);
             continue;
         }
         /* Gone or failing device: nothing more can be collected. */
@@ -167,10 +167,15 @@ static void USBVDFrameBoundary(USBTR_CONTEXT *pContext, USBVD_ASSEMBLY *pAsm, in
 }
 
 /* The packets of one completed request; the only per-byte work is one copy
- * from the request buffer into the slot. */
+ * from the request buffer into the slot.  The working state lives in locals
+ * between frame boundaries: the copy could alias it, which would make the
+ * compiler reload it for every packet. */
 static inline void USBVDAssemble(USBTR_CONTEXT *pContext, USBVD_ASSEMBLY *pAsm,
                                  const USBVD_ISO_REQUEST *pRequest, const uint8_t *pBuffer)
 {
+    uint32_t nOffset = pAsm->nImageOffset;
+    uint8_t *pSlot = pAsm->pSlot;
+    int32_t iLastFid = pAsm->iLastFid;
     for (uint32_t k = 0; k < USBVD_ISO_PACKET_COUNT; k++, pBuffer += USBVD_ISO_PACKET_SIZE) {
         uint32_t n = pRequest->aPackets[k].actual_length;
         /* One test for the usual packet: a header and at most a packet's bytes. */
@@ -185,21 +190,27 @@ static inline void USBVDAssemble(USBTR_CONTEXT *pContext, USBVD_ASSEMBLY *pAsm,
         }
 
         int32_t iFid = pBuffer[1] & USBVD_PAYLOAD_FID;
-        if (__builtin_expect(iFid != pAsm->iLastFid, 0))
+        if (__builtin_expect(iFid != iLastFid, 0)) {
+            pAsm->nImageOffset = nOffset;
             USBVDFrameBoundary(pContext, pAsm, iFid);
+            nOffset = pAsm->nImageOffset;
+            pSlot = pAsm->pSlot;
+            iLastFid = iFid;
+        }
 
         uint32_t d = n - USBVD_PAYLOAD_HEADER_SIZE;
-        uint32_t nRoom = pAsm->nRealImageLength - pAsm->nImageOffset;
+        uint32_t nRoom = pAsm->nRealImageLength - nOffset;
         if (__builtin_expect(d > nRoom, 0)) {
             DTRACE(_DRegion_usbvd, DTRACE_LEVEL_WARNING, "%s: cutting last data from %u to %u",
                    "USBDVGrabThread", d, nRoom);
             d = nRoom;
             pAsm->bOverflow = true;
         }
-        if (pAsm->pSlot != nullptr && d != 0)
-            memcpy(pAsm->pSlot + pAsm->nImageOffset, pBuffer + USBVD_PAYLOAD_HEADER_SIZE, d);
-        pAsm->nImageOffset += d;
+        if (pSlot != nullptr)
+            memcpy(pSlot + nOffset, pBuffer + USBVD_PAYLOAD_HEADER_SIZE, d);
+        nOffset += d;
     }
+    pAsm->nImageOffset = nOffset;
 }
 
 /* Waits up to USBVD_ISO_REAP_TIMEOUT for one request of the ring, in slices,

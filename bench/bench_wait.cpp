@@ -15,6 +15,7 @@
 //                               (libuvc itself cannot be pointed at a given node: it finds
 //                               its devices through libusb's enumeration)
 // Figures go to stdout as "figure <name> <value>" lines, a summary to stderr.
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
 
@@ -93,9 +94,15 @@ void Complete(usbdevfs_urb* u)
     gCompleted.push_back(u);
 }
 
+// What a real kernel would have been asked: every ioctl on the node and every
+// poll(), each one system call there.
+uint64_t gIoctls;
+std::atomic<uint64_t> gPolls{0};
+
 int Handle(unsigned long request, void* arg)
 {
     std::lock_guard<AdaptiveLock> l(gLock);
+    gIoctls++;
     switch (request) {
     case USBDEVFS_CONTROL: {
         auto* c = static_cast<usbdevfs_ctrltransfer*>(arg);
@@ -199,9 +206,11 @@ double CpuSeconds(clockid_t c)
 
 using Clock = std::chrono::steady_clock;
 
-uint64_t Reaped()
+uint64_t Reaped(uint64_t* pnIoctls = nullptr)
 {
     std::lock_guard<AdaptiveLock> l(gLock);
+    if (pnIoctls != nullptr)
+        *pnIoctls = gIoctls;
     return gReaped;
 }
 
@@ -211,17 +220,18 @@ uint64_t Reaped()
 struct Window {
     clockid_t waiter;
     std::string waiterTid;
-    double dWall = 0, dWaiterCpu = 0, dAppCpu = 0, dWakeups = 0, dRequests = 0;
+    double dWall = 0, dWaiterCpu = 0, dAppCpu = 0, dWakeups = 0, dRequests = 0, dIoctls = 0, dPolls = 0;
     Clock::time_point t0;
     double w0 = 0, a0 = 0;
-    uint64_t s0 = 0, r0 = 0;
+    uint64_t s0 = 0, r0 = 0, i0 = 0, p0 = 0;
     void start()
     {
         t0 = Clock::now();
         w0 = CpuSeconds(waiter);
         a0 = CpuSeconds(CLOCK_THREAD_CPUTIME_ID);
         s0 = VoluntarySwitches(waiterTid);
-        r0 = Reaped();
+        r0 = Reaped(&i0);
+        p0 = gPolls.load();
     }
     void stop()
     {
@@ -229,7 +239,10 @@ struct Window {
         dWaiterCpu = CpuSeconds(waiter) - w0;
         dAppCpu = CpuSeconds(CLOCK_THREAD_CPUTIME_ID) - a0;
         dWakeups = double(VoluntarySwitches(waiterTid) - s0);
-        dRequests = double(Reaped() - r0);
+        uint64_t i1 = 0;
+        dRequests = double(Reaped(&i1) - r0);
+        dIoctls = double(i1 - i0);
+        dPolls = double(gPolls.load() - p0);
     }
     void report(const char* pszWho, const char* pszWaiter, const char* pszTag, double dFrames) const
     {
@@ -239,6 +252,10 @@ struct Window {
                 "(%s %.1f ms/s), its wake-ups %.0f/s = %.2f per completed request\n",
                 pszWho, dFrames, dWall, dFrames / dWall, dRequests, dCpuMs, pszWaiter, dWaiterCpu * 1000.0 / dWall,
                 dWakeups / dWall, dWakeups / dRequests);
+        fprintf(stderr, "  per completed request: %.2f ioctls on the node, %.2f poll() calls\n", dIoctls / dRequests,
+                dPolls / dRequests);
+        printf("figure %s_ioctls_per_request %.3f\nfigure %s_polls_per_request %.3f\n", pszTag, dIoctls / dRequests,
+               pszTag, dPolls / dRequests);
         printf("figure %s_fps %.2f\nfigure %s_cpu_ms_per_s %.2f\nfigure %s_waiter_cpu_ms_per_s %.2f\n"
                "figure %s_wakeups_per_s %.0f\nfigure %s_wakeups_per_request %.3f\n",
                pszTag, dFrames / dWall, pszTag, dCpuMs, pszTag, dWaiterCpu * 1000.0 / dWall, pszTag, dWakeups / dWall,
@@ -427,6 +444,12 @@ int RunLibusb(double dSeconds, bool bCopies)
 }  // namespace
 
 ZTUVC_USBFS_STANDIN(gFd, Handle)
+
+extern "C" int poll(pollfd* pFds, nfds_t n, int iTimeout)
+{
+    gPolls++;
+    return int(syscall(SYS_poll, pFds, n, iTimeout));
+}
 
 #ifdef ZTUVC_BENCH_LIBUSB
 // libusb reads the descriptors from the node it was given.

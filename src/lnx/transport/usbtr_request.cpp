@@ -10,9 +10,12 @@
  * Between reap passes a waiter sleeps in poll() on the node: usbfs signals
  * POLLOUT while a completion waits to be reaped (POLLERR/POLLHUP once the
  * device is gone).  A completion that another thread reaps leaves no signal,
- * so the sleep lasts one millisecond at most.  A node that polls ready with
- * nothing to reap (not a usbfs node) cannot tell; waiters on it fall back to
- * fixed 200 us passes.
+ * so the sleep lasts one millisecond at most, except for one waiter at a
+ * time, which sleeps up to its time-out on the node and on the context's
+ * eventfd: whoever marks a request it did not wait for itself writes to the
+ * eventfd while that waiter sleeps.  A node that polls ready with nothing to
+ * reap (not a usbfs node) cannot tell; waiters on it fall back to fixed
+ * 200 us passes.
  *
  * Synchronous transfers run in context-owned slots (request record + bounce
  * buffer).  A piece that was discarded but could not be collected stays with

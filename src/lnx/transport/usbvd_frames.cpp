@@ -11,6 +11,8 @@
 #include "../../lnx/platform/fpplat.h"
 #include "../../trace/dtraces.h"
 
+static constexpr uint32_t USBVD_GET_FRAME_POLL = 10;
+
 static inline bool USBVDDisconnected(USBTR_CONTEXT *pContext)
 {
     return (USBTRStatusFlags(pContext) & USBTR_SF_DISCONNECTED) != 0;
@@ -77,17 +79,15 @@ int32_t USBVDGetFrame(USBTR_CONTEXT *pContext, uint32_t dwTimeout, void **ppFram
             break;
         }
         nIndex = -1;
-        uint32_t dwWaited = FPPltGetTime() - t0;
-        if (dwWaited > dwTimeout) {
+        if (FPPltGetTime() - t0 > dwTimeout) {
             pthread_mutex_unlock(&pContext->aGrabLock);
             iStatus = USBTR_STATUS_TIMEOUT;
             break;
         }
-        /* The grab thread signals every frame it delivers and its own end,
-         * and nothing else changes what this wait looks for, so it sleeps
-         * until then or the time-out instead of waking at every interval. */
-        uint32_t dwLeft = dwTimeout - dwWaited;
-        USBVDWaitForFrame(pContext, dwLeft != 0 ? dwLeft : 1);
+        /* At most one poll interval with the lock released; the grab thread
+         * wakes the wait as soon as it delivers, so a frame is handed out
+         * without waiting for the rest of the interval. */
+        USBVDWaitForFrame(pContext, USBVD_GET_FRAME_POLL);
         pthread_mutex_unlock(&pContext->aGrabLock);
         if (USBVDDisconnected(pContext)) {
             iStatus = USBTR_STATUS_COMM_ERROR;

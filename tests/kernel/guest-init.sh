@@ -33,7 +33,12 @@ wait_reader() {
 check() {
   name="$1"
   shift
+  set -- $(head -1 /proc/stat) "$@"
+  busy0=$(($2 + $3 + $4 + $7 + $8)) idle0=$(($5 + $6))
+  shift 11
   if ktest "$@"; then echo "KCHECK $name PASS"; else echo "KCHECK $name FAIL"; fi
+  set -- $(head -1 /proc/stat)
+  echo "KINFO $name: guest CPU busy $(($2 + $3 + $4 + $7 + $8 - busy0)), idle $(($5 + $6 - idle0)) ticks"
 }
 
 if wait_reader 000b; then
@@ -46,7 +51,7 @@ fi
 echo "@@plug 40"
 if wait_reader 000e; then
   check enum-t40 enum "Tessary 40 Fingerprint Reader"
-  check capture-t40 capture 20 66
+  check capture-t40 capture 20 133
 fi
 # QEMU's xHCI reports events for transfers the kernel has already given back
 # when an isochronous stream stops; the kernel complains for each of them.

@@ -121,6 +121,7 @@ qemu_pid=$!
 # How long the threads of a process waited for a CPU: a busy host shows
 # here (and in the microframes the simulator skipped).
 runq() { cat /proc/"$1"/task/*/schedstat 2>/dev/null | awk '{w += $2} END {printf "%d ms", w / 1e6}'; }
+qemu_main() { cat /proc/"$qemu_pid"/task/*/children 2>/dev/null | cut -d' ' -f1; }  # under timeout
 
 # Console: print it, answer the guest's plug requests, collect the results.
 declare -A result=()
@@ -128,12 +129,12 @@ waited="?"
 while IFS= read -r line; do
   line="${line%$'\r'}"
   printf '%s\n' "$line"
-  if [ -n "${first[*]}" ] && [ -n "$qemu_pid" ]; then renice -n -20 -p "$(pgrep -P "$qemu_pid" | head -1)" >/dev/null 2>&1 || true; first=(); fi
+  if [ -n "${first[*]}" ] && [ -n "$qemu_pid" ]; then renice -n -20 -p "$(qemu_main)" >/dev/null 2>&1 || true; first=(); fi
   case "$line" in
     @@unplug*) echo unplug >&7 ;;
     @@plug*) m="${line#@@plug}"; echo "plug${m:+ ${m# }}" >&7 ;;
     "KCHECK "*) set -- $line; result[$2]=$3 ;;
-    "KINFO kernel messages:"*) waited="QEMU $(runq "$(pgrep -P "$qemu_pid" | head -1)"), simulator $(runq "$sim_pid")" ;;
+    "KINFO kernel messages:"*) waited="QEMU $(runq "$(qemu_main)"), simulator $(runq "$sim_pid")" ;;
   esac
 done <"$work/console"
 wait "$qemu_pid" || true

@@ -57,6 +57,8 @@ fi
 # when an isochronous stream stops; the kernel complains for each of them.
 # That is the emulator's doing: count the lines, show the rest.
 echo "KINFO kernel: $(dmesg | grep -c -e 'not part of current TD' -e 'Looking for event-dma') lines on stale transfer events"
+echo "KINFO library warnings:"
+tail -30 /tmp/traces.log 2>/dev/null
 echo "KINFO kernel messages:"
 dmesg | grep -iE "usb|uvc|xhci|ehci" | grep -v -e 'not part of current TD' -e 'Looking for event-dma' | tail -40
 poweroff -f

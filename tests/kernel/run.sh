@@ -94,10 +94,8 @@ case "$hc" in
   *) log "controller must be xhci or ehci"; exit 2 ;;
 esac
 
-# QEMU and the simulator keep real time (QEMU drops isochronous data that
-# waits too long): ahead of other work on the machine when allowed. QEMU's
-# main thread serves the emulated controller's schedule and the socket: it
-# goes first, then the simulator, then the emulated CPU.
+# Inside the session: the simulator (little CPU, but never late for its
+# microframes) ahead of QEMU.
 prio=() first=()
 if nice -n -10 true 2>/dev/null; then prio=(nice -n -10) first=(nice -n -20); fi
 
@@ -129,7 +127,6 @@ waited="?"
 while IFS= read -r line; do
   line="${line%$'\r'}"
   printf '%s\n' "$line"
-  if [ -n "${first[*]}" ] && [ -n "$qemu_pid" ]; then renice -n -20 -p "$(qemu_main)" >/dev/null 2>&1 || true; first=(); fi
   case "$line" in
     @@unplug*) echo unplug >&7 ;;
     @@plug*) m="${line#@@plug}"; echo "plug${m:+ ${m# }}" >&7 ;;

@@ -7,6 +7,8 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -155,6 +157,16 @@ struct RedirServer::Impl {
         if (due > microframesSent + 64) {
             skipped += due - 8 - microframesSent;
             microframesSent = due - 8;
+        }
+        // QEMU's main thread reads the socket and runs the controller's
+        // schedule: while it leaves data unread it takes no packets either,
+        // and the sensor waits with it.
+        int unread = 0;
+        if (usbredirparser_has_data_to_write(parser) > 0 ||
+            (ioctl(fd, SIOCOUTQ, &unread) == 0 && unread > 16 * int(kIsoPacketSize))) {
+            skipped += due - microframesSent;
+            microframesSent = due;
+            return;
         }
         while (microframesSent < due) {
             ++microframesSent;

@@ -33,7 +33,12 @@ wait_reader() {
 check() {
   name="$1"
   shift
+  set -- $(head -1 /proc/stat) "$@"
+  busy0=$(($2 + $3 + $4 + $7 + $8)) idle0=$(($5 + $6))
+  shift 11
   if ktest "$@"; then echo "KCHECK $name PASS"; else echo "KCHECK $name FAIL"; fi
+  set -- $(head -1 /proc/stat)
+  echo "KINFO $name: guest CPU busy $(($2 + $3 + $4 + $7 + $8 - busy0)), idle $(($5 + $6 - idle0)) ticks"
 }
 
 if wait_reader 000b; then
@@ -46,12 +51,14 @@ fi
 echo "@@plug 40"
 if wait_reader 000e; then
   check enum-t40 enum "Tessary 40 Fingerprint Reader"
-  check capture-t40 capture 20 66
+  check capture-t40 capture 20 133
 fi
 # QEMU's xHCI reports events for transfers the kernel has already given back
 # when an isochronous stream stops; the kernel complains for each of them.
 # That is the emulator's doing: count the lines, show the rest.
 echo "KINFO kernel: $(dmesg | grep -c -e 'not part of current TD' -e 'Looking for event-dma') lines on stale transfer events"
+echo "KINFO library warnings:"
+tail -30 /tmp/traces.log 2>/dev/null
 echo "KINFO kernel messages:"
 dmesg | grep -iE "usb|uvc|xhci|ehci" | grep -v -e 'not part of current TD' -e 'Looking for event-dma' | tail -40
 poweroff -f

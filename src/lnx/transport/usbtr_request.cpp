@@ -152,47 +152,18 @@ __attribute__((always_inline)) inline int32_t QuietIOCtl(USBTR_CONTEXT *pContext
     return QuietFailure(pContext, request, iErrno, nDepth);
 }
 
-/* A reap pass whose records are not written; the pass's own body would be
- * one call below the caller, its ioctl's body two. */
-__attribute__((always_inline)) inline int32_t QuietReap(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest,
-                                                         bool *pbReaped, int nDepth)
+/* The body of a reap pass: reaps until the node has nothing more or
+ * pRequest itself comes back, marking every request it reaps; reapOne is
+ * the REAPURBNDELAY ioctl, traced or quiet. */
+template <typename ReapOne>
+__attribute__((always_inline)) inline int32_t ReapReady(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest,
+                                                        bool *pbReaped, ReapOne reapOne)
 {
-    int32_t iStatus;
-    for (;;) {
-        void *pReaped = nullptr;
-        iStatus = QuietIOCtl(pContext, USBDEVFS_REAPURBNDELAY, &pReaped, nDepth + 2);
-        if (iStatus != USBTR_STATUS_SUCCESS)
-            break;
-        if (pReaped == nullptr) {
-            DERROR("USBTR_STATUS_GENERAL_ERROR");
-            iStatus = USBTR_STATUS_GENERAL_ERROR;
-            break;
-        }
-        USBTR_REQUEST *pDone = static_cast<USBTR_REQUEST *>(pReaped);
-        *pbReaped = true;
-        if (pDone == pRequest) {
-            USBTRSetRequestMark(pDone, pDone);
-            return USBTR_STATUS_SUCCESS;
-        }
-        USBTRMarkReaped(pContext, pDone);
-    }
-    if (pRequest != nullptr && USBTRRequestMark(pRequest) != nullptr)
-        iStatus = USBTR_STATUS_SUCCESS;
-    return iStatus;
-}
-
-/* One reap pass (the records are USBTRTryReapThisRequest's); *pbReaped tells
- * whether it collected any request at all. */
-__attribute__((always_inline)) inline int32_t TryReap(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest,
-                                                      bool *pbReaped)
-{
-    DTRACE_ENTER_AS(aCall, _DRegion_usbtr, DTRACE_LEVEL_LOUD, "USBTRTryReapThisRequest", "%s(%p,%p)",
-                    static_cast<void *>(pContext), static_cast<void *>(pRequest));
     /* A null pRequest waits for nothing: the pass drains what is ready. */
     int32_t iStatus;
     for (;;) {
         void *pReaped = nullptr;
-        iStatus = IOCtlEx(pContext, USBDEVFS_REAPURBNDELAY, &pReaped, nullptr);
+        iStatus = reapOne(&pReaped);
         if (iStatus != USBTR_STATUS_SUCCESS)
             break;
         if (pReaped == nullptr) {
@@ -211,6 +182,29 @@ __attribute__((always_inline)) inline int32_t TryReap(USBTR_CONTEXT *pContext, U
     /* Another thread may have reaped it for us. */
     if (pRequest != nullptr && USBTRRequestMark(pRequest) != nullptr)
         iStatus = USBTR_STATUS_SUCCESS;
+    return iStatus;
+}
+
+/* A reap pass whose records are not written; the pass's own body would be
+ * one call below the caller, its ioctl's body two. */
+__attribute__((always_inline)) inline int32_t QuietReap(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest,
+                                                         bool *pbReaped, int nDepth)
+{
+    return ReapReady(pContext, pRequest, pbReaped, [&](void **ppReaped) {
+        return QuietIOCtl(pContext, USBDEVFS_REAPURBNDELAY, ppReaped, nDepth + 2);
+    });
+}
+
+/* One reap pass (the records are USBTRTryReapThisRequest's); *pbReaped tells
+ * whether it collected any request at all. */
+__attribute__((always_inline)) inline int32_t TryReap(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest,
+                                                      bool *pbReaped)
+{
+    DTRACE_ENTER_AS(aCall, _DRegion_usbtr, DTRACE_LEVEL_LOUD, "USBTRTryReapThisRequest", "%s(%p,%p)",
+                    static_cast<void *>(pContext), static_cast<void *>(pRequest));
+    int32_t iStatus = ReapReady(pContext, pRequest, pbReaped, [&](void **ppReaped) {
+        return IOCtlEx(pContext, USBDEVFS_REAPURBNDELAY, ppReaped, nullptr);
+    });
     DTRACE_EXIT(aCall, "%s() --> %d", iStatus);
     return iStatus;
 }

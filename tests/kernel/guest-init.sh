@@ -9,7 +9,10 @@ mount -t devtmpfs dev /dev
 mount -t tmpfs tmp /tmp
 export LD_LIBRARY_PATH=/lib/x86_64-linux-gnu HOME=/tmp PATH=/bin
 hc=xhci
-for a in $(cat /proc/cmdline); do case "$a" in ztuvc.hc=*) hc="${a#ztuvc.hc=}" ;; esac; done
+mode=check
+for a in $(cat /proc/cmdline); do
+  case "$a" in ztuvc.hc=*) hc="${a#ztuvc.hc=}" ;; ztuvc.mode=*) mode="${a#ztuvc.mode=}" ;; esac
+done
 modprobe "$hc-pci"
 modprobe uvcvideo
 
@@ -40,6 +43,17 @@ check() {
   set -- $(head -1 /proc/stat)
   echo "KINFO $name: guest CPU busy $(($2 + $3 + $4 + $7 + $8 - busy0)), idle $(($5 + $6 - idle0)) ticks"
 }
+
+# The streaming CPU benchmark: both libraries in turn, three rounds each.
+if [ "$mode" = bench ]; then
+  if wait_reader 000e; then
+    for round in 1 2 3; do
+      kbench ztuvc "${ZTUVC_KBENCH_SECONDS:-5}"
+      kbench peer "${ZTUVC_KBENCH_SECONDS:-5}"
+    done
+  fi
+  poweroff -f
+fi
 
 if wait_reader 000b; then
   check enum-t10 enum "Tessary 10 Fingerprint Reader"

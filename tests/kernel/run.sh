@@ -3,7 +3,10 @@
 # with a simulated reader attached over usbredir (ztuvc-sim --usbredir) and
 # runs the guest checks (ktest) against the real usbfs, sysfs and uvcvideo.
 #
-#   tests/kernel/run.sh BUILD_DIR xhci|ehci
+#   tests/kernel/run.sh BUILD_DIR xhci|ehci [bench]
+#
+# With "bench", the guest runs no checks but the streaming CPU benchmark
+# (bench/bench_kernel.c) through this library and through libuvc.
 #
 # The kernel and its modules are unpacked once into a cache
 # (ZTUVC_KERNEL_CACHE, default ~/.cache/ztuvc-kernel), never installed.
@@ -17,11 +20,14 @@ if [ -z "${ZTUVC_LANE_SESSION:-}" ]; then ZTUVC_LANE_SESSION=1 exec setsid -w ba
 echo -20 2>/dev/null >/proc/self/autogroup || true
 build="$(cd "$1" && pwd)"
 hc="$2"
+mode="${3:-check}"
 here="$(cd "$(dirname "$0")" && pwd)"
 cache="${ZTUVC_KERNEL_CACHE:-$HOME/.cache/ztuvc-kernel}"
 modules=(usbcore xhci-pci ehci-pci uvcvideo)
 # The checks the guest runs, in order; each must report PASS.
 checks=(enum-t10 open regs capture-t10 unplug-replug enum-t40 capture-t40)
+model=10
+if [ "$mode" = bench ]; then checks=(); model=40; fi
 
 log() { echo "kernel-lane: $*" >&2; }
 [ "$(id -u)" -eq 0 ] || SUDO=sudo
@@ -68,7 +74,15 @@ build_initramfs() {
   cp -L /lib/x86_64-linux-gnu/libc.so.6 "$root/lib/x86_64-linux-gnu/"
   cp -L /lib64/ld-linux-x86-64.so.2 "$root/lib64/"
   cp -L "$build/libztuvc.so.3" "$root/lib/x86_64-linux-gnu/"
-  cp "$build/tests/kernel/ztuvc-ktest" "$root/bin/ktest"
+  if [ "$mode" = bench ]; then
+    # The benchmark and what it links (libuvc, libusb, libudev, ...).
+    cp "$build/bench/ztuvc-kbench" "$root/bin/kbench"
+    for f in $(ldd "$build/bench/ztuvc-kbench" | awk '$2 == "=>" && $3 ~ /^\// {print $3}'); do
+      cp -L "$f" "$root/lib/x86_64-linux-gnu/"
+    done
+  else
+    cp "$build/tests/kernel/ztuvc-ktest" "$root/bin/ktest"
+  fi
   cp "$here/guest-init.sh" "$root/init"
   chmod +x "$root/init"
   (cd "$root" && find . | busybox cpio -o -H newc 2>/dev/null | gzip -1) > "$work/initrd.gz"
@@ -101,7 +115,7 @@ if nice -n -10 true 2>/dev/null; then prio=(nice -n -10) first=(nice -n -20); fi
 
 # The simulator reads its commands from a FIFO the harness writes.
 mkfifo "$work/sim.in"
-"${first[@]}" "$build/sim/ztuvc-sim" --usbredir "$work/redir.sock" --model 10 --pattern <"$work/sim.in" 2>"$work/sim.log" &
+"${first[@]}" "$build/sim/ztuvc-sim" --usbredir "$work/redir.sock" --model $model --pattern <"$work/sim.in" 2>"$work/sim.log" &
 sim_pid=$!
 exec 7>"$work/sim.in"
 for _ in $(seq 100); do [ -S "$work/redir.sock" ] && break; sleep 0.05; done
@@ -110,7 +124,7 @@ start=$SECONDS
 mkfifo "$work/console"
 timeout 480 "${prio[@]}" qemu-system-x86_64 -accel tcg -smp 1 -m 512 -nographic -no-reboot \
   -kernel "$vmlinuz" -initrd "$work/initrd.gz" \
-  -append "console=ttyS0 loglevel=3 panic=-1 mitigations=off no_timer_check ztuvc.hc=$hc" \
+  -append "console=ttyS0 loglevel=3 panic=-1 mitigations=off no_timer_check ztuvc.hc=$hc ztuvc.mode=$mode" \
   "${controller[@]}" \
   -chardev socket,id=redir,path="$work/redir.sock" -device usb-redir,chardev=redir,bus=hc.0${ZTUVC_REDIR_DEBUG:+,debug=$ZTUVC_REDIR_DEBUG} \
   >"$work/console" 2>&1 </dev/null &

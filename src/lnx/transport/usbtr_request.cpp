@@ -407,6 +407,8 @@ void USBTRCloseWake(USBTR_CONTEXT *pContext)
 int32_t USBTRTryReapThisRequest(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest)
 {
     bool bReaped = false;
+    if (LoudTraceOff() && pContext != nullptr)
+        return QuietReap(pContext, pRequest, &bReaped, 0);
     return TryReap(pContext, pRequest, &bReaped);
 }
 

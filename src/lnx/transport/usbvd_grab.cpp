@@ -240,6 +240,30 @@ static int32_t USBVDWaitRequest(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest
     }
 }
 
+/* Takes a request of the ring that has completed.  When it has not, the
+ * thread has caught up with the ring: it sleeps while completions gather and
+ * then takes them one by one, so that a wake-up serves several requests.
+ * When even the awaited request has not come after the sleep, the stream is
+ * slower than the gathering window; the thread then waits for each request
+ * in poll() for one turn of the ring before it tries gathering again.  The
+ * result is the last reap pass's: USBTR_STATUS_TIMEOUT when the caller must
+ * wait for the request. */
+static int32_t USBVDGather(USBTR_CONTEXT *pContext, USBTR_REQUEST *pRequest, uint32_t *pnPlainWaits)
+{
+    if (*pnPlainWaits != 0) {
+        (*pnPlainWaits)--;
+        return USBTR_STATUS_TIMEOUT;
+    }
+    int32_t iStatus = USBTRTryReapThisRequest(pContext, pRequest);
+    if (iStatus != USBTR_STATUS_TIMEOUT)
+        return iStatus;
+    FPPltSleep(USBVD_GATHER_MS);
+    iStatus = USBTRTryReapThisRequest(pContext, pRequest);
+    if (iStatus == USBTR_STATUS_TIMEOUT)
+        *pnPlainWaits = USBVD_ISO_REQUEST_COUNT;
+    return iStatus;
+}
+
 static int32_t USBVDStreamLoop(USBTR_CONTEXT *pContext, uint32_t nRealImageLength)
 {
     USBVD_ASSEMBLY aAsm;
@@ -255,13 +279,20 @@ static int32_t USBVDStreamLoop(USBTR_CONTEXT *pContext, uint32_t nRealImageLengt
 
     int32_t iStatus = USBTR_STATUS_SUCCESS;
     uint32_t i = 0;
+    uint32_t nPlainWaits = 0;
     if (USBVDGrabState(pContext) != USBVD_GRAB_STATE_STOPPED) {
         for (;;) {
             USBVD_ISO_REQUEST *pRequest = &pContext->aIsoRequests[i];
-            bool bStopped = false;
-            iStatus = USBVDWaitRequest(pContext, &pRequest->aRequest, &bStopped);
-            if (iStatus != USBTR_STATUS_SUCCESS || bStopped)
-                break;
+            /* A request reaped by an earlier pass (this thread's or another's)
+             * needs no wait at all. */
+            if (USBTRRequestMark(&pRequest->aRequest) == nullptr) {
+                bool bStopped = false;
+                iStatus = USBVDGather(pContext, &pRequest->aRequest, &nPlainWaits);
+                if (iStatus == USBTR_STATUS_TIMEOUT)
+                    iStatus = USBVDWaitRequest(pContext, &pRequest->aRequest, &bStopped);
+                if (iStatus != USBTR_STATUS_SUCCESS || bStopped)
+                    break;
+            }
 
             USBVDAssemble(pContext, &aAsm, pRequest, pContext->aIsoBuffers[i]);
 

@@ -10,8 +10,13 @@ mount -t tmpfs tmp /tmp
 export LD_LIBRARY_PATH=/lib/x86_64-linux-gnu HOME=/tmp PATH=/bin
 hc=xhci
 mode=check
+rounds=3
 for a in $(cat /proc/cmdline); do
-  case "$a" in ztuvc.hc=*) hc="${a#ztuvc.hc=}" ;; ztuvc.mode=*) mode="${a#ztuvc.mode=}" ;; esac
+  case "$a" in
+    ztuvc.hc=*) hc="${a#ztuvc.hc=}" ;;
+    ztuvc.mode=*) mode="${a#ztuvc.mode=}" ;;
+    ztuvc.rounds=*) rounds="${a#ztuvc.rounds=}" ;;
+  esac
 done
 modprobe "$hc-pci"
 modprobe uvcvideo
@@ -44,12 +49,16 @@ check() {
   echo "KINFO $name: guest CPU busy $(($2 + $3 + $4 + $7 + $8 - busy0)), idle $(($5 + $6 - idle0)) ticks"
 }
 
-# The streaming CPU benchmark: both libraries in turn, three rounds each.
+# The streaming CPU benchmark: both libraries and the bare usbfs floor in turn,
+# for as many rounds as asked.
 if [ "$mode" = bench ]; then
   if wait_reader 000e; then
-    for round in 1 2 3; do
+    round=0
+    while [ $round -lt "$rounds" ]; do
+      round=$((round + 1))
       kbench ztuvc "${ZTUVC_KBENCH_SECONDS:-5}"
       kbench peer "${ZTUVC_KBENCH_SECONDS:-5}"
+      kbench floor "${ZTUVC_KBENCH_SECONDS:-5}"
     done
   fi
   poweroff -f

@@ -6,7 +6,8 @@
 #   tests/kernel/run.sh BUILD_DIR xhci|ehci [bench]
 #
 # With "bench", the guest runs no checks but the streaming CPU benchmark
-# (bench/bench_kernel.c) through this library and through libuvc.
+# (bench/bench_kernel.c) through this library, through libuvc and straight on
+# usbfs, ZTUVC_KBENCH_ROUNDS rounds (default 3).
 #
 # The kernel and its modules are unpacked once into a cache
 # (ZTUVC_KERNEL_CACHE, default ~/.cache/ztuvc-kernel), never installed.
@@ -124,7 +125,7 @@ start=$SECONDS
 mkfifo "$work/console"
 timeout 480 "${prio[@]}" qemu-system-x86_64 -accel tcg -smp 1 -m 512 -nographic -no-reboot \
   -kernel "$vmlinuz" -initrd "$work/initrd.gz" \
-  -append "console=ttyS0 loglevel=3 panic=-1 mitigations=off no_timer_check ztuvc.hc=$hc ztuvc.mode=$mode" \
+  -append "console=ttyS0 loglevel=3 panic=-1 mitigations=off no_timer_check ztuvc.hc=$hc ztuvc.mode=$mode ztuvc.rounds=${ZTUVC_KBENCH_ROUNDS:-3}" \
   "${controller[@]}" \
   -chardev socket,id=redir,path="$work/redir.sock" -device usb-redir,chardev=redir,bus=hc.0${ZTUVC_REDIR_DEBUG:+,debug=$ZTUVC_REDIR_DEBUG} \
   >"$work/console" 2>&1 </dev/null &

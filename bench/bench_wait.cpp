@@ -286,7 +286,6 @@ int RunZtuvc(const USBTR_VIDEO_INFO* pInfo, double dSeconds)
     ctx->iIsoReadEP = 0x81;
     pthread_mutex_init(&ctx->aIntReadLock, nullptr);
     pthread_mutex_init(&ctx->aGrabLock, nullptr);
-    pthread_cond_init(&ctx->aFrameReadyCond, nullptr);
     pthread_mutex_init(&ctx->aSyncSlotLock, nullptr);
     USBTROpenWake(ctx);  // as USBTROpen does
     ctx->pVDDeviceInfo = pInfo;

@@ -1,6 +1,6 @@
 /*
- * Platform services: millisecond clock, sleep, recursive local mutexes and
- * thread wrappers.
+ * Platform services: millisecond clock, sleep, event words, recursive local
+ * mutexes and thread wrappers.
  */
 #ifndef ZTUVC_FPPLAT_H
 #define ZTUVC_FPPLAT_H
@@ -21,6 +21,19 @@ struct FPPLT_THREAD {
 uint32_t FPPltGetTime(void);
 /* Sleeps at least dwMilliseconds, resuming after signals. */
 void FPPltSleep(uint32_t dwMilliseconds);
+
+/* An event word: a counter that FPPltSignalEvent advances and that
+ * FPPltWaitEvent sleeps on.  A waiter reads the word (under the lock that
+ * guards what it waits for), lets that lock go and then waits: a signal
+ * given in between ends the wait at once, so none is lost.  The wait ends on
+ * a signal, after dwMilliseconds, or earlier (a signal for an earlier wait, an
+ * interrupted system call): callers look again in any case. */
+void FPPltWaitEvent(uint32_t *pdwEvent, uint32_t dwSeen, uint32_t dwMilliseconds);
+void FPPltSignalEvent(uint32_t *pdwEvent);
+inline uint32_t FPPltEventValue(uint32_t *pdwEvent)
+{
+    return __atomic_load_n(pdwEvent, __ATOMIC_ACQUIRE);
+}
 
 int32_t FPPltLocalMutexCreate(FPPLT_LOCAL_MUTEX *pLocalMutex);
 void FPPltLocalMutexLock(FPPLT_LOCAL_MUTEX *pLocalMutex);

@@ -296,7 +296,7 @@ struct USBTR_CONTEXT {
     pthread_mutex_t aIntReadLock;
     /* video streaming */
     pthread_mutex_t aGrabLock;
-    pthread_cond_t aFrameReadyCond; /* signalled under aGrabLock: a frame is ready or the thread ended */
+    uint32_t dwFrameEvent; /* event word, signalled under aGrabLock: a frame is ready or the grab state changed */
     uint32_t dwGrabState; /* read without the lock: use the accessors below */
     uint32_t dwGrabStatus;
     pthread_t aGrabThread;

@@ -286,8 +286,6 @@ int32_t USBTROpen(void *pLibCtx, const USBTR_DEVICE_DESCRIPTION *pDeviceRequest,
                     "(pthread_mutex_init(&pCtx->aGrabLock,((void *)0))) == 0");
             DASSERT(pthread_mutex_init(&pCtx->aSyncSlotLock, nullptr) == 0,
                     "(pthread_mutex_init(&pCtx->aSyncSlotLock,((void *)0))) == 0");
-            DASSERT(pthread_cond_init(&pCtx->aFrameReadyCond, nullptr) == 0,
-                    "(pthread_cond_init(&pCtx->aFrameReadyCond,((void *)0))) == 0");
             USBTROpenWake(pCtx);
             USBTRChangeCheckHandleCount(1);
             PrepareGrabThreadAttributes(pCtx);
@@ -319,7 +317,6 @@ int32_t USBTRClose(USBTR_CONTEXT *pContext)
         pthread_mutex_destroy(&pContext->aIntReadLock);
         pthread_mutex_destroy(&pContext->aGrabLock);
         pthread_mutex_destroy(&pContext->aSyncSlotLock);
-        pthread_cond_destroy(&pContext->aFrameReadyCond);
         if (pContext->bGrabThreadAttributesValid)
             pthread_attr_destroy(&pContext->aGrabThreadAttributes);
         /* A stale handle must fail the check rather than look valid. */

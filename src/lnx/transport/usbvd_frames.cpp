@@ -4,7 +4,6 @@
  * away.  Nothing is copied.
  */
 #include <cstring>
-#include <ctime>
 
 #include "usbtr.h"
 
@@ -18,17 +17,6 @@ static inline bool USBVDDisconnected(USBTR_CONTEXT *pContext)
     return (USBTRStatusFlags(pContext) & USBTR_SF_DISCONNECTED) != 0;
 }
 
-/* Waits on the frame-ready signal for up to dwMilliseconds; the caller holds
- * aGrabLock, which the wait releases meanwhile. */
-static void USBVDWaitForFrame(USBTR_CONTEXT *pContext, uint32_t dwMilliseconds)
-{
-    struct timespec aDeadline;
-    clock_gettime(CLOCK_MONOTONIC, &aDeadline);
-    aDeadline.tv_nsec += static_cast<long>(dwMilliseconds) * 1000000L;
-    aDeadline.tv_sec += aDeadline.tv_nsec / 1000000000L;
-    aDeadline.tv_nsec %= 1000000000L;
-    pthread_cond_clockwait(&pContext->aFrameReadyCond, &pContext->aGrabLock, CLOCK_MONOTONIC, &aDeadline);
-}
 
 int32_t USBVDGetFrame(USBTR_CONTEXT *pContext, uint32_t dwTimeout, void **ppFrame)
 {
@@ -87,8 +75,9 @@ int32_t USBVDGetFrame(USBTR_CONTEXT *pContext, uint32_t dwTimeout, void **ppFram
         /* At most one poll interval with the lock released; the grab thread
          * wakes the wait as soon as it delivers, so a frame is handed out
          * without waiting for the rest of the interval. */
-        USBVDWaitForFrame(pContext, USBVD_GET_FRAME_POLL);
+        uint32_t dwSeen = FPPltEventValue(&pContext->dwFrameEvent);
         pthread_mutex_unlock(&pContext->aGrabLock);
+        FPPltWaitEvent(&pContext->dwFrameEvent, dwSeen, USBVD_GET_FRAME_POLL);
         if (USBVDDisconnected(pContext)) {
             iStatus = USBTR_STATUS_COMM_ERROR;
             break;

@@ -3,7 +3,6 @@
  * parameters, keeps a ring of isochronous requests in flight and cuts the
  * payload into frames by the frame identifier bit of the payload header.
  */
-#include <ctime>
 #include <cstring>
 #include <sys/ioctl.h>
 
@@ -128,11 +127,14 @@ static void USBVDFrameBoundary(USBTR_CONTEXT *pContext, USBVD_ASSEMBLY *pAsm, in
     DTRACE(_DRegion_usbvd, DTRACE_LEVEL_DEBUG, "%s: new frame", "USBDVGrabThread");
 
     if (pAsm->nImageOffset >= pAsm->nRealImageLength && !pAsm->bOverflow) {
+        /* Whoever waits for the start or for a frame is woken once the lock
+         * is free again. */
+        bool bSignal = false;
         pthread_mutex_lock(&pContext->aGrabLock);
         if (USBVDGrabState(pContext) == USBVD_GRAB_STATE_NOT_STARTED) {
             USBVDSetGrabState(pContext, USBVD_GRAB_STATE_RUNNING);
             /* The start waits on this: let it return now, before the slots fill. */
-            pthread_cond_broadcast(&pContext->aFrameReadyCond);
+            bSignal = true;
         }
         DASSERT(pAsm->nImageOffset == pAsm->nRealImageLength, "nImageOffset == nRealImageLength");
         if (pAsm->nImageIndex != USBVD_NO_SLOT) {
@@ -144,12 +146,14 @@ static void USBVDFrameBoundary(USBTR_CONTEXT *pContext, USBVD_ASSEMBLY *pAsm, in
                 if (pAsm->nImageIndex < USBVD_MAX_FRAMES)
                     pContext->aFrameStartTimes[pAsm->nImageIndex] = pAsm->dwFrameStart;
                 LILOPut(pContext, USBVD_IMAGE_STATE_READY, pAsm->nImageIndex);
-                pthread_cond_broadcast(&pContext->aFrameReadyCond);
+                bSignal = true;
             }
         }
         pAsm->nImageIndex = (uint8_t)LILOGet(pContext, USBVD_IMAGE_STATE_FREE);
         pAsm->pSlot = pAsm->nImageIndex != USBVD_NO_SLOT ? pContext->aImages[pAsm->nImageIndex] : nullptr;
         pthread_mutex_unlock(&pContext->aGrabLock);
+        if (bSignal)
+            FPPltSignalEvent(&pContext->dwFrameEvent);
         pAsm->bPayloadSeen = true;
     } else if (pAsm->nImageOffset != 0) {
         /* Short or overlong: thrown away, the slot stays for the next frame. */
@@ -382,7 +386,7 @@ void *USBDVGrabThread(void *pArgument)
     pthread_mutex_lock(&pContext->aGrabLock);
     USBVDSetGrabState(pContext, USBVD_GRAB_STATE_STOPPED);
     pContext->dwGrabStatus = (uint32_t)iStatus;
-    pthread_cond_broadcast(&pContext->aFrameReadyCond);
+    FPPltSignalEvent(&pContext->dwFrameEvent);
     pthread_mutex_unlock(&pContext->aGrabLock);
 
     DTRACE_EXIT(call, "%s() --> %d", iStatus);
@@ -472,13 +476,9 @@ int32_t USBVDStartTransfer(USBTR_CONTEXT *pContext, uint32_t nFrameCount)
         pthread_mutex_lock(&pContext->aGrabLock);
         dwState = USBVDGrabState(pContext);
         if (dwState == USBVD_GRAB_STATE_NOT_STARTED) {
-            struct timespec aDeadline;
-            clock_gettime(CLOCK_MONOTONIC, &aDeadline);
-            aDeadline.tv_nsec += static_cast<long>(USBVD_START_POLL) * 1000000L;
-            aDeadline.tv_sec += aDeadline.tv_nsec / 1000000000L;
-            aDeadline.tv_nsec %= 1000000000L;
-            pthread_cond_clockwait(&pContext->aFrameReadyCond, &pContext->aGrabLock, CLOCK_MONOTONIC, &aDeadline);
+            uint32_t dwSeen = FPPltEventValue(&pContext->dwFrameEvent);
             pthread_mutex_unlock(&pContext->aGrabLock);
+            FPPltWaitEvent(&pContext->dwFrameEvent, dwSeen, USBVD_START_POLL);
             continue;
         }
         pthread_mutex_unlock(&pContext->aGrabLock);

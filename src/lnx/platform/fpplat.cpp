@@ -23,13 +23,19 @@ uint32_t FPPltGetTime(void)
                                  static_cast<uint64_t>(aNow.tv_usec) / 1000u);
 }
 
+static struct timespec FPPltTimespec(uint32_t dwMilliseconds)
+{
+    struct timespec aSpan;
+    aSpan.tv_sec = dwMilliseconds / 1000;
+    aSpan.tv_nsec = static_cast<long>(dwMilliseconds % 1000) * 1000000L;
+    return aSpan;
+}
+
 void FPPltSleep(uint32_t dwMilliseconds)
 {
     if (dwMilliseconds == 0)
         return;
-    struct timespec aRequest;
-    aRequest.tv_sec = dwMilliseconds / 1000;
-    aRequest.tv_nsec = static_cast<long>(dwMilliseconds % 1000) * 1000000L;
+    struct timespec aRequest = FPPltTimespec(dwMilliseconds);
     struct timespec aRemain = {0, 0};
     while (nanosleep(&aRequest, &aRemain) != 0) {
         /* A signal cuts the sleep short: sleep the rest.  Other failures are
@@ -45,9 +51,7 @@ void FPPltSleep(uint32_t dwMilliseconds)
  * deadline and several hundred instructions of bookkeeping. */
 void FPPltWaitEvent(uint32_t *pdwEvent, uint32_t dwSeen, uint32_t dwMilliseconds)
 {
-    struct timespec aTimeout;
-    aTimeout.tv_sec = dwMilliseconds / 1000;
-    aTimeout.tv_nsec = static_cast<long>(dwMilliseconds % 1000) * 1000000L;
+    struct timespec aTimeout = FPPltTimespec(dwMilliseconds);
     syscall(SYS_futex, pdwEvent, FUTEX_WAIT_PRIVATE, dwSeen, &aTimeout, nullptr, 0);
 }
 

@@ -17,7 +17,6 @@ static inline bool USBVDDisconnected(USBTR_CONTEXT *pContext)
     return (USBTRStatusFlags(pContext) & USBTR_SF_DISCONNECTED) != 0;
 }
 
-
 int32_t USBVDGetFrame(USBTR_CONTEXT *pContext, uint32_t dwTimeout, void **ppFrame)
 {
     uint32_t t0 = FPPltGetTime();
